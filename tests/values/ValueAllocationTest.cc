@@ -16,6 +16,10 @@ namespace {
 std::atomic<long> gAllocations{0};
 }  // namespace
 
+// The replacements pair malloc with free; GCC cannot see that once it inlines
+// a replaced operator new into a caller of the replaced delete.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void* operator new(std::size_t size) {
   gAllocations.fetch_add(1, std::memory_order_relaxed);
   if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
@@ -28,6 +32,7 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
+#pragma GCC diagnostic pop
 
 namespace QelSS {
 namespace {
