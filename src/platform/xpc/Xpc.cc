@@ -90,8 +90,8 @@ bool EqualDictionaries(Dictionary& a, Dictionary& b) noexcept {
   return equal;
 }
 
-size_t Combine(size_t seed, size_t value) noexcept {
-  return seed ^ (value + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2));
+size_t Combine(size_t hash, size_t value) noexcept {
+  return hash ^ (value + 0x9e3779b97f4a7c15ULL + (hash << 6) + (hash >> 2));
 }
 
 size_t HashArray(Array& array) noexcept {
