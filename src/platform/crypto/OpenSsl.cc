@@ -1,0 +1,97 @@
+#include "platform/crypto/OpenSsl.h"
+
+#include <openssl/core_names.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/params.h>
+
+namespace QelSS::platform::crypto::detail {
+namespace {
+
+Algorithms FetchAlgorithms() noexcept {
+  // OpenSSL normally tears itself down from an atexit handler. Local domains
+  // save their pending changes at process exit, after such a handler may have
+  // run, so the library keeps OpenSSL alive until the process is gone. When the
+  // application initialised OpenSSL first this flag changes nothing.
+  OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+  Algorithms algorithms;
+  algorithms.aes256Cbc = EVP_CIPHER_fetch(nullptr, "AES-256-CBC", nullptr);
+  algorithms.sha256 = EVP_MD_fetch(nullptr, "SHA2-256", nullptr);
+  algorithms.hmac = EVP_MAC_fetch(nullptr, "HMAC", nullptr);
+  ERR_clear_error();
+  return algorithms;
+}
+
+struct ThreadContexts {
+  EVP_CIPHER_CTX* cipher = nullptr;
+  EVP_MD_CTX* digest = nullptr;
+  EVP_MAC_CTX* mac = nullptr;
+
+  ~ThreadContexts() {
+    EVP_CIPHER_CTX_free(cipher);
+    EVP_MD_CTX_free(digest);
+    EVP_MAC_CTX_free(mac);
+  }
+};
+
+thread_local ThreadContexts tContexts;
+
+}  // namespace
+
+const Algorithms& GetAlgorithms() noexcept {
+  // Deliberately never freed: see FetchAlgorithms.
+  static const Algorithms algorithms = FetchAlgorithms();
+  return algorithms;
+}
+
+EVP_CIPHER_CTX* ThreadCipherContext() noexcept {
+  if (tContexts.cipher != nullptr) return tContexts.cipher;
+  const Algorithms& algorithms = GetAlgorithms();
+  if (algorithms.aes256Cbc == nullptr) return nullptr;
+  EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
+  if (context == nullptr) return nullptr;
+  // Binding the cipher once lets every later call pass only key and IV, which
+  // skips OpenSSL's per-init algorithm setup.
+  if (EVP_CipherInit_ex2(context, algorithms.aes256Cbc, nullptr, nullptr, 1, nullptr) != 1) {
+    EVP_CIPHER_CTX_free(context);
+    ERR_clear_error();
+    return nullptr;
+  }
+  tContexts.cipher = context;
+  return context;
+}
+
+EVP_MD_CTX* ThreadDigestContext() noexcept {
+  if (tContexts.digest == nullptr) tContexts.digest = EVP_MD_CTX_new();
+  return tContexts.digest;
+}
+
+EVP_MAC_CTX* NewHmacSha256Context() noexcept {
+  const Algorithms& algorithms = GetAlgorithms();
+  if (algorithms.hmac == nullptr) return nullptr;
+  EVP_MAC_CTX* context = EVP_MAC_CTX_new(algorithms.hmac);
+  if (context == nullptr) return nullptr;
+  char digestName[] = "SHA2-256";
+  const OSSL_PARAM params[] = {
+      OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digestName, 0),
+      OSSL_PARAM_construct_end()};
+  if (EVP_MAC_CTX_set_params(context, params) != 1) {
+    EVP_MAC_CTX_free(context);
+    ERR_clear_error();
+    return nullptr;
+  }
+  return context;
+}
+
+EVP_MAC_CTX* ThreadMacContext() noexcept {
+  if (tContexts.mac == nullptr) tContexts.mac = NewHmacSha256Context();
+  return tContexts.mac;
+}
+
+CryptStatus Fail(CryptStatus status) noexcept {
+  ERR_clear_error();
+  return status;
+}
+
+}  // namespace QelSS::platform::crypto::detail
