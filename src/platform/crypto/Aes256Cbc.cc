@@ -52,11 +52,8 @@ CryptStatus Aes256CbcCrypt(CipherDirection direction, std::span<const uint8_t> k
     return CryptStatus::kDecodeError;
   }
 
-  EVP_CIPHER_CTX* context = detail::ThreadCipherContext();
+  EVP_CIPHER_CTX* context = detail::ThreadCipherFor(key.data(), iv.data(), encrypt);
   if (context == nullptr) return detail::Fail(CryptStatus::kLibraryError);
-  if (EVP_CipherInit_ex2(context, nullptr, key.data(), iv.data(), encrypt ? 1 : 0, nullptr) != 1) {
-    return detail::Fail(CryptStatus::kLibraryError);
-  }
   size_t body = 0;
   if (!UpdateInSlices(context, input, out, &body)) return detail::Fail(CryptStatus::kLibraryError);
   int tail = 0;

@@ -6,6 +6,8 @@
 #include <openssl/evp.h>
 #include <openssl/params.h>
 
+#include <cstring>
+
 namespace QelSS::platform::crypto::detail {
 namespace {
 
@@ -23,12 +25,18 @@ Algorithms FetchAlgorithms() noexcept {
   return algorithms;
 }
 
+constexpr size_t kCipherKeySize = 32;
+
 struct ThreadContexts {
   EVP_CIPHER_CTX* cipher = nullptr;
+  // The key and direction whose expansion the cipher context holds.
+  unsigned char cipherKey[kCipherKeySize] = {};
+  int cipherDirection = -1;
   EVP_MD_CTX* digest = nullptr;
   EVP_MAC_CTX* mac = nullptr;
 
   ~ThreadContexts() {
+    OPENSSL_cleanse(cipherKey, sizeof cipherKey);
     EVP_CIPHER_CTX_free(cipher);
     EVP_MD_CTX_free(digest);
     EVP_MAC_CTX_free(mac);
@@ -59,6 +67,24 @@ EVP_CIPHER_CTX* ThreadCipherContext() noexcept {
     return nullptr;
   }
   tContexts.cipher = context;
+  return context;
+}
+
+EVP_CIPHER_CTX* ThreadCipherFor(const unsigned char* key, const unsigned char* iv,
+                                bool encrypt) noexcept {
+  EVP_CIPHER_CTX* context = ThreadCipherContext();
+  if (context == nullptr) return nullptr;
+  const int direction = encrypt ? 1 : 0;
+  const bool sameKey = tContexts.cipherDirection == direction &&
+                       CRYPTO_memcmp(tContexts.cipherKey, key, kCipherKeySize) == 0;
+  // Forget the cached key first: should the init fail, the context's key
+  // schedule is no longer known.
+  tContexts.cipherDirection = -1;
+  if (EVP_CipherInit_ex2(context, nullptr, sameKey ? nullptr : key, iv, direction, nullptr) != 1) {
+    return nullptr;
+  }
+  if (!sameKey) std::memcpy(tContexts.cipherKey, key, kCipherKeySize);
+  tContexts.cipherDirection = direction;
   return context;
 }
 

@@ -23,6 +23,13 @@ const Algorithms& GetAlgorithms() noexcept;
 // The cipher context comes back already bound to AES-256-CBC and the MAC
 // context to HMAC-SHA256, so callers only supply keys and IVs.
 EVP_CIPHER_CTX* ThreadCipherContext() noexcept;
+
+// Readies this thread's cipher context for one message under `key` (32 bytes)
+// and `iv` (16 bytes). The expanded key of the previous message is kept when
+// key and direction are unchanged, which is most of the cost of a short
+// message. Null on failure.
+EVP_CIPHER_CTX* ThreadCipherFor(const unsigned char* key, const unsigned char* iv,
+                                bool encrypt) noexcept;
 EVP_MD_CTX* ThreadDigestContext() noexcept;
 EVP_MAC_CTX* ThreadMacContext() noexcept;
 
