@@ -3,8 +3,8 @@
 //   file      := AES-256-CBC(fileKey, iv, pkcs7(inner))    length 16*k, k >= 3
 //   inner     := mac[32] payload[n]                        n >= 1 when written
 //   mac       := HMAC-SHA256(fileKey, payload)
-//   iv[i]     := A[i] ^ B[15 - i]              for odd i
-//             := ((A[i] ^ B[15 - i]) << 1) & 0xff   for even i
+//   iv[i]     := A[i] ^ B[15 - i]                      for odd i
+//             := ((A[i] ^ B[15 - i]) << 1) & 0xff      for even i
 //
 // A and B are kEnvelopeIvTableA and kEnvelopeIvTableB. The IV is the same for
 // every file, so equal payloads give equal files; confidentiality rests on the
