@@ -10,6 +10,7 @@
 #include "persistence/Envelope.h"
 #include "persistence/Key.h"
 #include "platform/crypto/Aes256Cbc.h"
+#include "platform/report/CaptureSink.h"
 #include "qelss/values/ErrorCode.h"
 
 namespace QelSS {
@@ -99,6 +100,40 @@ TEST(Envelope, RefusesEmptyInputAndWrongKeySizes) {
   EXPECT_EQ(EncryptWithKey(Bytes(31), Payload(4), out), make_error_code(kInvalidArgument));
   EXPECT_EQ(DecryptWithKey(Bytes(33), Bytes(48), out), make_error_code(kInvalidArgument));
   EXPECT_EQ(out, Bytes{9});
+}
+
+TEST(Envelope, EachRefusalIsReportedWithItsOwnText) {
+  Bytes sealed, out;
+  ASSERT_EQ(Encrypt(Payload(100), sealed), make_error_code(kSuccess));
+  platform::ScopedCaptureSink capture;
+  ASSERT_EQ(Decrypt(sealed, out), make_error_code(kSuccess));
+  EXPECT_EQ(Encrypt(Bytes{}, out), make_error_code(kInvalidArgument));
+  EXPECT_TRUE(capture->FailureReports().empty()) << "success and bad arguments are silent";
+
+  EXPECT_EQ(Decrypt(Bytes{}, out), make_error_code(kCryptError));
+  const auto empty = capture->FindFailureReport("SSEH", "Input");
+  ASSERT_TRUE(empty);
+  EXPECT_EQ(empty->Message(), "Domain Filesize is 0");
+  EXPECT_EQ(empty->Code(), 370);
+  EXPECT_EQ(empty->ErrorDomain(), "QelSharedSettingsErrorDomain");
+  EXPECT_TRUE(capture->HasTrace("Domain Filesize is 0"));
+  EXPECT_TRUE(capture->HasTrace("Input failed (370)"));
+
+  EXPECT_EQ(Decrypt(Bytes(sealed.begin(), sealed.end() - 1), out), make_error_code(kCryptError));
+  const auto cipher = capture->FindFailureReport("SSEH", "Decryption");
+  ASSERT_TRUE(cipher);
+  EXPECT_EQ(cipher->Message(), "Failed to decrypt using CCCrypt");
+  EXPECT_EQ(cipher->Code(), 370);
+
+  Bytes damaged = sealed;
+  damaged[0] ^= 1;
+  EXPECT_EQ(Decrypt(damaged, out), make_error_code(kVerificationError));
+  const auto mac = capture->FindFailureReport("SSEH", "SHAMismatch");
+  ASSERT_TRUE(mac);
+  EXPECT_EQ(mac->Message(), "HMAC Mismatch (calculatedHMAC != HMACfromFile)");
+  EXPECT_EQ(mac->Code(), 375);
+  EXPECT_TRUE(capture->HasTrace("SHAMismatch failed (375)"));
+  EXPECT_EQ(capture->FailureReports().size(), 3u);
 }
 
 // Every damaged envelope must fail with a decryption error (length, padding)

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "persistence/HostKeyFile.h"
 #include "persistence/Key.h"
 #include "persistence/KeyDerivation.h"
+#include "platform/report/CaptureSink.h"
 #include "platform/support/Base64.h"
 #include "qelss/values/ErrorCode.h"
 
@@ -145,6 +147,45 @@ TEST_F(HostKeyFileTest, GetHostKeyCreatesOnceAndNeverReplacesADamagedFile) {
   EXPECT_EQ(testing::ReadText(path_), damaged);
 }
 
+TEST_F(HostKeyFileTest, UnusableFilesAreReportedWithTheirOwnTexts) {
+  constexpr const char* kMismatch = "SHA Mismatch (calculatedHostKeySHA != SHA256HostKey)";
+  ASSERT_EQ(WriteHostKeyFile(path_, Counting(32)), make_error_code(kSuccess));
+  const std::string good = testing::ReadText(path_);
+  Bytes key;
+  {
+    platform::ScopedCaptureSink capture;
+    Corrupt(10, '*');
+    EXPECT_EQ(GetHostKey(path_, key), make_error_code(kKeyDecodeError));
+    const auto decode = capture->FindFailureReport("SSKC", "base64decode");
+    ASSERT_TRUE(decode);
+    EXPECT_EQ(decode->Message(), kMismatch);
+    EXPECT_EQ(decode->Code(), 373);
+    EXPECT_EQ(decode->ErrorDomain(), "QelSharedSettingsErrorDomain");
+    EXPECT_TRUE(capture->HasTrace("base64decode failed (373)"));
+    const auto readfile = capture->FindFailureReport("SSKC", "readfile");
+    ASSERT_TRUE(readfile);
+    EXPECT_EQ(readfile->Message(), "file not found");
+    EXPECT_EQ(readfile->Code(), 373);
+  }
+  {
+    platform::ScopedCaptureSink capture;
+    testing::WriteText(path_, good.substr(0, 44));
+    EXPECT_EQ(Read(key), make_error_code(kKeyChecksumMismatch));
+    const auto mismatch = capture->FindFailureReport("SSKC", "SHAMismatch");
+    ASSERT_TRUE(mismatch);
+    EXPECT_EQ(mismatch->Message(), kMismatch);
+    EXPECT_EQ(mismatch->Code(), 374);
+    EXPECT_TRUE(capture->HasTrace("SHAMismatch failed (374)"));
+  }
+  {
+    // Absence is not a failure of reading: nothing is reported.
+    platform::ScopedCaptureSink capture;
+    std::remove(path_.c_str());
+    EXPECT_EQ(Read(key), make_error_code(kNotFound));
+    EXPECT_TRUE(capture->FailureReports().empty());
+  }
+}
+
 TEST(DeriveFileKey, UsesOnlyTheFirstSixteenBytesOfTheHostKey) {
   Bytes golden;
   ASSERT_EQ(DeriveFileKey(Counting(32), golden), make_error_code(kSuccess));
@@ -218,11 +259,17 @@ TEST_F(KeySingletonTest, ADamagedFileFailsForTheWholeProcessAndStopsTheEnvelope)
   const std::string home = home_.path();
   const testing::ChildOutcome child = testing::RunInChild([home](std::string& out) {
     ::setenv("XDG_DATA_HOME", home.c_str(), 1);
+    platform::ScopedCaptureSink capture;
     Bytes sealed, opened;
     out = std::to_string(Key::Instance().Result().value()) + " " +
           std::to_string(Encrypt(Bytes{1, 2, 3}, sealed).value()) + " " +
           std::to_string(Decrypt(Bytes(48, 1), opened).value()) + " " +
           std::to_string(Key::Instance().DerivedKey().size());
+    const auto report = capture->FindFailureReport("SSKC", "GetKey");
+    if (!report || report->Message() != "Failed to get host key" || report->Code() != 374 ||
+        capture->CountFailureReports("SSKC", "GetKey") != 1) {
+      out += " (no single GetKey report)";
+    }
     return 0;
   });
   ASSERT_EQ(child.exitCode, 0);
