@@ -1,4 +1,8 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
 
 #include <cstdint>
 #include <span>
@@ -122,6 +126,34 @@ TEST(Aes256Cbc, ThreadsWithDifferentKeysDoNotInterfere) {
   t2.join();
   EXPECT_TRUE(ok1);
   EXPECT_TRUE(ok2);
+}
+
+// Pending saves still encrypt while the process exits, after the exiting
+// thread's thread_local objects are gone; the primitives must keep working
+// from an exit handler on the main thread.
+TEST(Aes256Cbc, StillWorksFromAnExitHandler) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    Bytes warmUp;
+    if (Crypt(CipherDirection::kEncrypt, kKey, kIv, Pattern(40), warmUp) != CryptStatus::kSuccess) {
+      ::_exit(2);
+    }
+    std::atexit([] {
+      Bytes cipher, back;
+      Sha256Digest mac{};
+      const bool ok =
+          Crypt(CipherDirection::kEncrypt, kKey, kIv, Pattern(40), cipher) ==
+              CryptStatus::kSuccess &&
+          Crypt(CipherDirection::kDecrypt, kKey, kIv, cipher, back) == CryptStatus::kSuccess &&
+          back == Pattern(40) && HmacSha256(kKey, back, mac) == CryptStatus::kSuccess;
+      ::_exit(ok ? 0 : 1);
+    });
+    std::exit(3);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 std::string Hex(std::span<const uint8_t> bytes) {

@@ -6,7 +6,10 @@
 #include <openssl/evp.h>
 #include <openssl/params.h>
 
+#include <pthread.h>
+
 #include <cstring>
+#include <new>
 
 namespace QelSS::platform::crypto::detail {
 namespace {
@@ -43,7 +46,34 @@ struct ThreadContexts {
   }
 };
 
-thread_local ThreadContexts tContexts;
+// A plain pointer rather than a thread_local object: pending saves may still
+// encrypt during process exit, after the exiting thread's thread_local objects
+// are gone. The contexts are freed by a thread-exit hook on other threads and
+// left to the process's end on the main thread.
+thread_local ThreadContexts* tContexts = nullptr;
+
+void FreeThreadContexts(void* contexts) {
+  delete static_cast<ThreadContexts*>(contexts);
+  tContexts = nullptr;
+}
+
+pthread_key_t ContextsKey() {
+  static const pthread_key_t key = [] {
+    pthread_key_t created{};
+    pthread_key_create(&created, &FreeThreadContexts);
+    return created;
+  }();
+  return key;
+}
+
+// Null only when memory runs out.
+ThreadContexts* Contexts() {
+  if (tContexts == nullptr) {
+    tContexts = new (std::nothrow) ThreadContexts;
+    if (tContexts != nullptr) pthread_setspecific(ContextsKey(), tContexts);
+  }
+  return tContexts;
+}
 
 }  // namespace
 
@@ -54,7 +84,9 @@ const Algorithms& GetAlgorithms() noexcept {
 }
 
 EVP_CIPHER_CTX* ThreadCipherContext() noexcept {
-  if (tContexts.cipher != nullptr) return tContexts.cipher;
+  ThreadContexts* contexts = Contexts();
+  if (contexts == nullptr) return nullptr;
+  if (contexts->cipher != nullptr) return contexts->cipher;
   const Algorithms& algorithms = GetAlgorithms();
   if (algorithms.aes256Cbc == nullptr) return nullptr;
   EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
@@ -66,7 +98,7 @@ EVP_CIPHER_CTX* ThreadCipherContext() noexcept {
     ERR_clear_error();
     return nullptr;
   }
-  tContexts.cipher = context;
+  contexts->cipher = context;
   return context;
 }
 
@@ -74,23 +106,26 @@ EVP_CIPHER_CTX* ThreadCipherFor(const unsigned char* key, const unsigned char* i
                                 bool encrypt) noexcept {
   EVP_CIPHER_CTX* context = ThreadCipherContext();
   if (context == nullptr) return nullptr;
+  ThreadContexts& contexts = *tContexts;
   const int direction = encrypt ? 1 : 0;
-  const bool sameKey = tContexts.cipherDirection == direction &&
-                       CRYPTO_memcmp(tContexts.cipherKey, key, kCipherKeySize) == 0;
+  const bool sameKey = contexts.cipherDirection == direction &&
+                       CRYPTO_memcmp(contexts.cipherKey, key, kCipherKeySize) == 0;
   // Forget the cached key first: should the init fail, the context's key
   // schedule is no longer known.
-  tContexts.cipherDirection = -1;
+  contexts.cipherDirection = -1;
   if (EVP_CipherInit_ex2(context, nullptr, sameKey ? nullptr : key, iv, direction, nullptr) != 1) {
     return nullptr;
   }
-  if (!sameKey) std::memcpy(tContexts.cipherKey, key, kCipherKeySize);
-  tContexts.cipherDirection = direction;
+  if (!sameKey) std::memcpy(contexts.cipherKey, key, kCipherKeySize);
+  contexts.cipherDirection = direction;
   return context;
 }
 
 EVP_MD_CTX* ThreadDigestContext() noexcept {
-  if (tContexts.digest == nullptr) tContexts.digest = EVP_MD_CTX_new();
-  return tContexts.digest;
+  ThreadContexts* contexts = Contexts();
+  if (contexts == nullptr) return nullptr;
+  if (contexts->digest == nullptr) contexts->digest = EVP_MD_CTX_new();
+  return contexts->digest;
 }
 
 EVP_MAC_CTX* NewHmacSha256Context() noexcept {
@@ -111,8 +146,10 @@ EVP_MAC_CTX* NewHmacSha256Context() noexcept {
 }
 
 EVP_MAC_CTX* ThreadMacContext() noexcept {
-  if (tContexts.mac == nullptr) tContexts.mac = NewHmacSha256Context();
-  return tContexts.mac;
+  ThreadContexts* contexts = Contexts();
+  if (contexts == nullptr) return nullptr;
+  if (contexts->mac == nullptr) contexts->mac = NewHmacSha256Context();
+  return contexts->mac;
 }
 
 CryptStatus Fail(CryptStatus status) noexcept {
