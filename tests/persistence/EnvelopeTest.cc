@@ -9,6 +9,7 @@
 #include "PersistenceTestSupport.h"
 #include "persistence/Envelope.h"
 #include "persistence/Key.h"
+#include "platform/ScopedTempDir.h"
 #include "platform/crypto/Aes256Cbc.h"
 #include "platform/report/CaptureSink.h"
 #include "qelss/values/ErrorCode.h"
@@ -23,13 +24,13 @@ using Bytes = std::vector<uint8_t>;
 class KeyHome : public ::testing::Environment {
  public:
   void SetUp() override {
-    folder_ = std::make_unique<testing::TempFolder>();
+    folder_ = std::make_unique<testing::ScopedTempDir>();
     ::setenv("XDG_DATA_HOME", folder_->path().c_str(), 1);
   }
   void TearDown() override { folder_.reset(); }
 
  private:
-  std::unique_ptr<testing::TempFolder> folder_;
+  std::unique_ptr<testing::ScopedTempDir> folder_;
 };
 
 [[maybe_unused]] ::testing::Environment* const kKeyHome =

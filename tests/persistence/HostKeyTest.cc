@@ -11,6 +11,7 @@
 #include "persistence/HostKeyFile.h"
 #include "persistence/Key.h"
 #include "persistence/KeyDerivation.h"
+#include "platform/ScopedTempDir.h"
 #include "platform/report/CaptureSink.h"
 #include "platform/support/Base64.h"
 #include "qelss/values/ErrorCode.h"
@@ -19,7 +20,7 @@ namespace QelSS {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using testing::TempFolder;
+using testing::ScopedTempDir;
 
 Bytes Counting(size_t size, uint8_t start = 0) {
   Bytes out(size);
@@ -55,8 +56,8 @@ class HostKeyFileTest : public ::testing::Test {
     testing::WriteText(path_, text);
   }
 
-  TempFolder folder_;
-  std::string path_ = folder_.File("com.qelvarin.QSS");
+  ScopedTempDir folder_;
+  std::string path_ = folder_ / "com.qelvarin.QSS";
 };
 
 TEST_F(HostKeyFileTest, WrittenKeyReadsBackFromAMaskedEightyEightCharacterFile) {
@@ -128,7 +129,7 @@ TEST_F(HostKeyFileTest, DamagedContentFailsDecodingOrTheDigestCheck) {
 
 TEST_F(HostKeyFileTest, WriteRefusesAnEmptyKeyAndAMissingFolder) {
   EXPECT_EQ(WriteHostKeyFile(path_, Bytes{}), make_error_code(kInvalidArgument));
-  EXPECT_EQ(WriteHostKeyFile(folder_.File("absent/key"), Counting(32)),
+  EXPECT_EQ(WriteHostKeyFile(folder_ / "absent/key", Counting(32)),
             make_error_code(kFileWriteError));
 }
 
@@ -215,7 +216,7 @@ class KeySingletonTest : public ::testing::Test {
   // "<result> <derived-key-hex>" as seen by a fresh process.
   testing::ChildOutcome DeriveInChild() {
     const std::string home = home_.path();
-    return testing::RunInChild([home](std::string& out) {
+    return testing::RunInChildWithOutput([home](std::string& out) {
       ::setenv("XDG_DATA_HOME", home.c_str(), 1);
       const Key& key = Key::Instance();
       out = std::to_string(key.Result().value()) + " " + Hex(key.DerivedKey());
@@ -224,7 +225,7 @@ class KeySingletonTest : public ::testing::Test {
   }
   std::string KeyFile() const { return home_.path() + "/qelvarin/DomainSettings/com.qelvarin.QSS"; }
 
-  TempFolder home_;
+  ScopedTempDir home_;
 };
 
 TEST_F(KeySingletonTest, FirstProcessCreatesTheFileAndASecondDerivesTheSameKey) {
@@ -257,7 +258,7 @@ TEST_F(KeySingletonTest, ADamagedFileFailsForTheWholeProcessAndStopsTheEnvelope)
   testing::WriteText(KeyFile(), text);
 
   const std::string home = home_.path();
-  const testing::ChildOutcome child = testing::RunInChild([home](std::string& out) {
+  const testing::ChildOutcome child = testing::RunInChildWithOutput([home](std::string& out) {
     ::setenv("XDG_DATA_HOME", home.c_str(), 1);
     platform::ScopedCaptureSink capture;
     Bytes sealed, opened;
@@ -279,7 +280,7 @@ TEST_F(KeySingletonTest, ADamagedFileFailsForTheWholeProcessAndStopsTheEnvelope)
 
 TEST_F(KeySingletonTest, ConcurrentFirstUsersShareOneDerivation) {
   const std::string home = home_.path();
-  const testing::ChildOutcome child = testing::RunInChild([home](std::string& out) {
+  const testing::ChildOutcome child = testing::RunInChildWithOutput([home](std::string& out) {
     ::setenv("XDG_DATA_HOME", home.c_str(), 1);
     const Key* seen[4] = {};
     std::vector<std::thread> threads;

@@ -1,42 +1,20 @@
 #pragma once
 
-// Helpers shared by the persistence tests: a temporary folder that disappears
-// with the test, small file utilities, and a way to run code in a fresh child
-// process (the file key is derived once per process, so a test that needs a
-// fresh derivation needs a fresh process).
+// Helpers shared by the persistence tests: small file utilities, and a way to
+// run code in a fresh child process and collect what it saw (the file key is
+// derived once per process, so a test that needs a fresh derivation needs a
+// fresh process).
 
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <string>
 
 namespace QelSS::testing {
-
-class TempFolder {
- public:
-  TempFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qelss-test-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data());
-  }
-  ~TempFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
-
-  const std::string& path() const { return path_; }
-  std::string File(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
 
 inline std::string ReadText(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -59,7 +37,7 @@ struct ChildOutcome {
 
 // Runs `body` in a forked child. The child's exit code is the body's result;
 // an exception in the body gives 99. Test assertions belong in the parent.
-inline ChildOutcome RunInChild(const std::function<int(std::string& output)>& body) {
+inline ChildOutcome RunInChildWithOutput(const std::function<int(std::string& output)>& body) {
   int fds[2];
   if (::pipe(fds) != 0) return {};
   const pid_t pid = ::fork();

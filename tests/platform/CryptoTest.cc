@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -10,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/ChildProcess.h"
 #include "platform/crypto/Aes256Cbc.h"
 #include "platform/crypto/HmacSha256.h"
 #include "platform/crypto/Pbkdf2.h"
@@ -132,28 +132,28 @@ TEST(Aes256Cbc, ThreadsWithDifferentKeysDoNotInterfere) {
 // thread's thread_local objects are gone; the primitives must keep working
 // from an exit handler on the main thread.
 TEST(Aes256Cbc, StillWorksFromAnExitHandler) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    Bytes warmUp;
-    if (Crypt(CipherDirection::kEncrypt, kKey, kIv, Pattern(40), warmUp) != CryptStatus::kSuccess) {
-      ::_exit(2);
-    }
-    std::atexit([] {
-      Bytes cipher, back;
-      Sha256Digest mac{};
-      const bool ok =
-          Crypt(CipherDirection::kEncrypt, kKey, kIv, Pattern(40), cipher) ==
-              CryptStatus::kSuccess &&
-          Crypt(CipherDirection::kDecrypt, kKey, kIv, cipher, back) == CryptStatus::kSuccess &&
-          back == Pattern(40) && HmacSha256(kKey, back, mac) == CryptStatus::kSuccess;
-      ::_exit(ok ? 0 : 1);
-    });
-    std::exit(3);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  const testing::ChildResult child = testing::RunInChild(
+      [] {
+        Bytes warmUp;
+        if (Crypt(CipherDirection::kEncrypt, kKey, kIv, Pattern(40), warmUp) !=
+            CryptStatus::kSuccess) {
+          return 2;
+        }
+        std::atexit([] {
+          Bytes cipher, back;
+          Sha256Digest mac{};
+          const bool ok =
+              Crypt(CipherDirection::kEncrypt, kKey, kIv, Pattern(40), cipher) ==
+                  CryptStatus::kSuccess &&
+              Crypt(CipherDirection::kDecrypt, kKey, kIv, cipher, back) == CryptStatus::kSuccess &&
+              back == Pattern(40) && HmacSha256(kKey, back, mac) == CryptStatus::kSuccess;
+          ::_exit(ok ? 0 : 1);
+        });
+        return 3;  // only reached through the handler's own exit code
+      },
+      testing::ChildExit::kNormal);
+  ASSERT_TRUE(child.exited);
+  EXPECT_EQ(child.exitCode, 0);
 }
 
 std::string Hex(std::span<const uint8_t> bytes) {
