@@ -1,15 +1,21 @@
 // Creating, cloning and comparing scalar values. Cloning a scalar shares its
 // immutable platform object, so a clone costs one allocation (the shared_ptr
-// block) whatever the payload size; compare the String clone rows across sizes.
+// block) whatever the payload size; compare the String and Data clone rows
+// across sizes.
 #include <benchmark/benchmark.h>
 
 #include <memory>
 #include <string>
 
+#include <vector>
+
+#include "qelss/values/DataFactory.h"
+#include "qelss/values/DateFactory.h"
 #include "qelss/values/INumber.h"
 #include "qelss/values/IString.h"
 #include "qelss/values/NumberFactory.h"
 #include "qelss/values/StringFactory.h"
+#include "qelss/values/UUIDFactory.h"
 
 namespace QelSS {
 namespace {
@@ -100,6 +106,65 @@ void BM_NumberDescription(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_NumberDescription);
+
+std::shared_ptr<IData> Data(size_t length) {
+  const std::vector<unsigned char> bytes(length, 0x5a);
+  std::shared_ptr<IData> data;
+  (void)DataFactory::Create(data, bytes.data(), bytes.size());
+  return data;
+}
+
+void BM_DataCreate(benchmark::State& state) {
+  const std::vector<unsigned char> bytes(static_cast<size_t>(state.range(0)), 0x5a);
+  for (auto _ : state) {
+    std::shared_ptr<IData> data;
+    benchmark::DoNotOptimize(DataFactory::Create(data, bytes.data(), bytes.size()));
+    benchmark::DoNotOptimize(data);
+  }
+  state.SetBytesProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_DataCreate)->Arg(16)->Arg(64 << 10)->Arg(1 << 20);
+
+void BM_DataClone(benchmark::State& state) {
+  auto data = Data(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) {
+    std::shared_ptr<IValue> clone;
+    benchmark::DoNotOptimize(data->Clone(clone));
+    benchmark::DoNotOptimize(clone);
+  }
+}
+BENCHMARK(BM_DataClone)->Arg(16)->Arg(64 << 10)->Arg(1 << 20);
+
+void BM_DataDescription(benchmark::State& state) {
+  auto data = Data(static_cast<size_t>(state.range(0)));
+  std::string text;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(data->Description(text));
+    benchmark::DoNotOptimize(text);
+  }
+  state.SetBytesProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_DataDescription)->Arg(16)->Arg(64 << 10);
+
+void BM_DateDescription(benchmark::State& state) {
+  std::shared_ptr<IDate> date;
+  (void)DateFactory::Create(date, 1700000000L);
+  std::string text;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(date->Description(text));
+    benchmark::DoNotOptimize(text);
+  }
+}
+BENCHMARK(BM_DateDescription);
+
+void BM_UUIDCreateRandom(benchmark::State& state) {
+  for (auto _ : state) {
+    std::shared_ptr<IUUID> uuid;
+    benchmark::DoNotOptimize(UUIDFactory::Create(uuid));
+    benchmark::DoNotOptimize(uuid);
+  }
+}
+BENCHMARK(BM_UUIDCreateRandom);
 
 }  // namespace
 }  // namespace QelSS
