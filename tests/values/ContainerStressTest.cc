@@ -122,11 +122,21 @@ TEST(ContainerStress, OneArrayFromManyThreads) {
     }),
               kOk);
   };
+  // Adders trim the front so that the array stays short whatever the schedule.
+  auto trim = [&] {
+    if (array->GetCount() > 2 * kKeys) {
+      std::error_code result = array->RemoveAt(0);
+      EXPECT_TRUE(result == kOk || result == make_error_code(kIndexOutOfRange));
+    }
+  };
   RunTogether({
-      [&](std::mt19937& random) { EXPECT_EQ(array->Append(Int(AnyKey(random))), kOk); },
       [&](std::mt19937& random) {
-        std::error_code result = array->Insert(0, Int(AnyKey(random)));
-        EXPECT_EQ(result, kOk);
+        EXPECT_EQ(array->Append(Int(AnyKey(random))), kOk);
+        trim();
+      },
+      [&](std::mt19937& random) {
+        EXPECT_EQ(array->Insert(0, Int(AnyKey(random))), kOk);
+        trim();
       },
       [&](std::mt19937& random) {
         std::error_code result = array->Remove(Int(AnyKey(random)));
