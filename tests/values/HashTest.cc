@@ -8,7 +8,6 @@
 #include "qelss/values/HashFactory.h"
 #include "qelss/values/IArray.h"
 #include "qelss/values/IHash.h"
-#include "values/ByteFormCodec.h"
 #include "values/ContainerTestSupport.h"
 
 namespace QelSS {
@@ -288,51 +287,6 @@ TEST(Hash, FactoryRefusesWhatIsNotAUsableDictionary) {
   EXPECT_EQ(HashFactory::Create(out, holdsError), make_error_code(kInvalidType));
   xpc_release(dictionary);
   EXPECT_EQ(out, kept);
-}
-
-// A codec standing in for the persistence layer's: a hash is written as "H"
-// and its entry count, "H" reads as an empty hash and "N" as a number.
-const IValue* gWritten = nullptr;
-
-std::error_code WriteCount(const std::shared_ptr<IValue>& value, std::vector<uint8_t>& bytes) {
-  auto hash = std::dynamic_pointer_cast<IHash>(value);
-  if (!hash) return kInvalidType;
-  gWritten = value.get();
-  const std::string text = "H" + std::to_string(hash->GetCount());
-  bytes.assign(text.begin(), text.end());
-  return kSuccess;
-}
-
-std::error_code ReadKind(const std::vector<uint8_t>& bytes, std::shared_ptr<IValue>& value) {
-  if (bytes == std::vector<uint8_t>{'H'}) {
-    value = MakeHash();
-    return kSuccess;
-  }
-  if (bytes == std::vector<uint8_t>{'N'}) {
-    value = Int(1);
-    return kSuccess;
-  }
-  return kSerializationError;
-}
-
-TEST(Hash, BytesGoThroughTheInstalledCodec) {
-  static const ByteFormCodec codec{WriteCount, ReadKind};
-  InstallByteFormCodec(&codec);
-  auto hash = MakeHash({{"a", Int(1)}, {"b", Int(2)}});
-  std::vector<uint8_t> bytes;
-  EXPECT_EQ(hash->Serialize(bytes), kOk);
-  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "H2");
-  EXPECT_NE(gWritten, hash.get());  // the writer gets a clone
-
-  std::shared_ptr<IHash> read = hash;
-  EXPECT_EQ(HashFactory::CreateFromBytes(read, {'x'}), make_error_code(kSerializationError));
-  EXPECT_EQ(read, hash);
-  EXPECT_EQ(HashFactory::CreateFromBytes(read, {'H'}), kOk);
-  EXPECT_TRUE(read && read != hash);
-  EXPECT_EQ(HashFactory::CreateFromBytes(read, {'N'}), make_error_code(kInvalidData));
-  EXPECT_FALSE(read);
-  InstallByteFormCodec(nullptr);
-  EXPECT_EQ(hash->Serialize(bytes), make_error_code(kNotImplemented));
 }
 
 // A hash reached again through another container cannot be refused when it
