@@ -1,0 +1,56 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "qelss/values/IHash.h"
+#include "qelss/values/IValue.h"
+
+namespace QelSS {
+
+// Key paths address a value inside a settings tree of nested hashes: "/"
+// separates the levels, and empty components are skipped, so "/a//b/" and
+// "a/b" both mean key "b" of the hash under key "a". Every level but the last
+// must be a hash.
+//
+// Each operation changes the tree at most once, in its last step, so a failure
+// leaves the tree exactly as it was. Hashes lock themselves, but a path walk is
+// several operations: callers serialise changes to one tree (a transaction and
+// a domain each do so on their own queue).
+class KeyPath {
+ public:
+  KeyPath() = delete;
+
+  // The non-empty components of `path`, in order.
+  static std::vector<std::string> Split(std::string_view path);
+
+  // `out` shares the value at `path`. kInvalidArgument for a null tree or a path
+  // without components; kNotFound when a level is absent or an intermediate
+  // level is not a hash. `out` is untouched on failure.
+  [[nodiscard]] static std::error_code Lookup(const std::shared_ptr<IHash>& tree,
+                                              std::string_view path, std::shared_ptr<IValue>& out);
+
+  // Stores `value` (shared) at `path`, making the missing intermediate hashes.
+  //   kInvalidArgument   null tree or value, a path without components, or a
+  //                      value that holds the tree or a hash on the path (the
+  //                      tree would contain itself)
+  //   kOperationRefused  the value already there is equal to `value`; nothing
+  //                      changes
+  //   kInvalidType       an intermediate level exists but is not a hash; nothing
+  //                      changes (the scalar is not overwritten by a hash)
+  // A failure to make a missing level is returned with no level left behind.
+  [[nodiscard]] static std::error_code Store(const std::shared_ptr<IHash>& tree,
+                                             std::string_view path,
+                                             const std::shared_ptr<IValue>& value);
+
+  // Removes the value at `path`; the hashes above it stay, even when emptied.
+  // kInvalidArgument for a null tree or a path without components; kNotFound
+  // when a level is absent or an intermediate level is not a hash.
+  [[nodiscard]] static std::error_code Remove(const std::shared_ptr<IHash>& tree,
+                                              std::string_view path);
+};
+
+}  // namespace QelSS
