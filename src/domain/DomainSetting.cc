@@ -51,7 +51,9 @@ DomainSetting::DomainSetting(const std::string& name, bool createWhenMissing)
                                                  QOS_CLASS_DEFAULT);
   }
   if (!failed) {
-    if (std::error_code made = DomainRoot::Create(settings_); made != kSuccess) failed = made;
+    std::error_code made = DomainRoot::Create(settings_);
+    if (made == kSuccess) made = DomainRoot::GetInternalSettings(settings_, tree_);
+    if (made != kSuccess) failed = made;
   }
   if (failed) throw QelSharedSettingsException(failed, "DomainSettings: Failed to init");
 }
@@ -89,13 +91,7 @@ std::error_code DomainSetting::GetName(std::string& name) {
 }
 
 std::error_code DomainSetting::Get(const std::string& path, std::shared_ptr<IValue>& value) {
-  return RunOnDomainQueue("Get", [&]() -> std::error_code {
-    std::shared_ptr<IHash> tree;
-    if (std::error_code got = DomainRoot::GetInternalSettings(settings_, tree); got != kSuccess) {
-      return got;
-    }
-    return KeyPath::Lookup(tree, path, value);
-  });
+  return RunOnDomainQueue("Get", [&] { return KeyPath::Lookup(tree_, path, value); });
 }
 
 std::error_code DomainSetting::CreateTransaction(std::shared_ptr<ITransaction>& transaction) {
@@ -154,6 +150,7 @@ std::error_code DomainSetting::ReplaceSettings(std::shared_ptr<IHash> root) {
     return kInvalidData;
   }
   settings_ = std::move(root);
+  tree_ = std::move(tree);
   history_.Clear();
   return kSuccess;
 }

@@ -163,8 +163,11 @@ class DomainSetting : public IDomainSetting,
   const bool createWhenMissing_;
   bool isRemote_ = false;
 
-  // On the domain queue only.
+  // On the domain queue only. tree_ is the settings tree inside settings_,
+  // kept at hand because every read starts from it; only ReplaceSettings
+  // changes which hashes the two are.
   std::shared_ptr<IHash> settings_;
+  std::shared_ptr<IHash> tree_;
   ChangeHistory history_;
 
   ObserverList observers_;

@@ -152,17 +152,13 @@ std::error_code DomainSetting::ApplyTransaction(const std::shared_ptr<IHash>& re
 }
 
 std::error_code DomainSetting::ApplyChanges(const std::vector<Change>& changes) {
-  std::shared_ptr<IHash> tree;
-  if (std::error_code got = DomainRoot::GetInternalSettings(settings_, tree); got != kSuccess) {
-    return got;
-  }
   for (const Change& change : changes) {
     const char* path = change.path->GetCString();
     if (change.IsDeletion()) {
-      std::error_code removed = KeyPath::Remove(tree, path);
+      std::error_code removed = KeyPath::Remove(tree_, path);
       if (removed != kSuccess && removed != kNotFound) return removed;
     } else {
-      std::error_code stored = KeyPath::Store(tree, path, change.value);
+      std::error_code stored = KeyPath::Store(tree_, path, change.value);
       if (stored != kSuccess && stored != kOperationRefused) return stored;
     }
   }
