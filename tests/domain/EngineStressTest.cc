@@ -24,7 +24,7 @@ using testing::NewTransaction;
 // block of the domain.
 TEST(EngineStress, CommitsReadsAndObserverChurnAgree) {
   constexpr int kWriters = 4;
-  constexpr int kCommitsEach = 120;
+  constexpr int kCommitsEach = 400;
   auto domain = InMemoryDomain::Make("stress");
   dispatch_queue_t own = dispatch_queue_create("stress.observers", DISPATCH_QUEUE_SERIAL);
 
