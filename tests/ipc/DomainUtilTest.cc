@@ -2,59 +2,36 @@
 
 #include <vector>
 
+#include "domain/DomainTestSupport.h"
 #include "qelss/ipc/DomainUtil.h"
-#include "qelss/values/HashFactory.h"
-#include "qelss/values/INumber.h"
-#include "qelss/values/NumberFactory.h"
-#include "qelss/values/StringFactory.h"
 
 namespace QelSS {
 namespace {
 
-std::shared_ptr<IValue> Int(long long value) {
-  std::shared_ptr<INumber> number;
-  EXPECT_EQ(NumberFactory::Create(number, value), kSuccess);
-  return number;
-}
-
-std::shared_ptr<IValue> Text(const char* text) {
-  std::shared_ptr<IString> value;
-  EXPECT_EQ(StringFactory::Create(value, text), kSuccess);
-  return value;
-}
+using testing::Int;
+using testing::Text;
 
 std::shared_ptr<IHash> HashWith(const char* key, const std::shared_ptr<IValue>& value) {
   std::shared_ptr<IHash> hash;
-  EXPECT_EQ(HashFactory::Create(hash), kSuccess);
-  if (value) {
-    EXPECT_EQ(hash->Set(key, value), kSuccess);
-  }
+  (void)HashFactory::Create(hash);
+  (void)hash->Set(key, value);
   return hash;
 }
 
-std::vector<std::string> Keys(const IHash& hash) {
-  std::vector<std::string> keys;
-  EXPECT_EQ(hash.Iterate([&](const std::shared_ptr<IString>& key, const std::shared_ptr<IValue>&,
-                             bool&) { keys.push_back(key->GetCString()); }),
-            kSuccess);
-  return keys;
-}
-
-TEST(DomainUtilCommand, RoundTripsEveryField) {
+TEST(DomainUtil, CommandsRoundTripAndTheCreateFlagIsAnInteger) {
   for (bool create : {true, false}) {
     std::shared_ptr<IHash> command;
     ASSERT_EQ(DomainUtil::CreateCommand("alerts", "com.example.app", 1, create, command), kSuccess);
-    EXPECT_EQ(Keys(*command), (std::vector<std::string>{"DomainClient", "DomainCommand",
-                                                        "DomainCreate", "DomainName"}));
+    EXPECT_EQ(command->GetCount(), 4u);
     std::shared_ptr<IValue> flag;
     ASSERT_EQ(command->Get("DomainCreate", flag), kSuccess);
-    EXPECT_TRUE(*flag == *Int(create ? 1 : 0));  // an int64, not a boolean number
+    EXPECT_TRUE(*flag == *Int(create ? 1 : 0));
 
     int64_t code = -1;
-    EXPECT_EQ(DomainUtil::GetCommand(command, code), kSuccess);
-    EXPECT_EQ(code, 1);
     std::string name, client;
     bool readCreate = !create;
+    EXPECT_EQ(DomainUtil::GetCommand(command, code), kSuccess);
+    EXPECT_EQ(code, 1);
     EXPECT_EQ(DomainUtil::GetCommandInfo(command, name, client, readCreate), kSuccess);
     EXPECT_EQ(name, "alerts");
     EXPECT_EQ(client, "com.example.app");
@@ -62,26 +39,19 @@ TEST(DomainUtilCommand, RoundTripsEveryField) {
   }
 }
 
-TEST(DomainUtilCommand, BadFieldsAreInvalidCommands) {
+TEST(DomainUtil, CommandFieldsOfTheWrongTypeAreInvalidCommands) {
   std::string name, client;
   bool create = false;
   EXPECT_EQ(DomainUtil::GetCommandInfo(nullptr, name, client, create), kInvalidArgument);
-
   std::shared_ptr<IHash> command;
   ASSERT_EQ(DomainUtil::CreateCommand("alerts", "app", 0, true, command), kSuccess);
   ASSERT_EQ(command->Set("DomainCreate", Text("yes")), kSuccess);
   EXPECT_EQ(DomainUtil::GetCommandInfo(command, name, client, create), kInvalidCommand);
-  EXPECT_EQ(name, "alerts");  // read before the failing field
-  EXPECT_EQ(client, "app");
-
-  ASSERT_EQ(command->Delete("DomainClient"), kSuccess);
-  name.clear();
-  EXPECT_EQ(DomainUtil::GetCommandInfo(command, name, client, create), kInvalidCommand);
-  EXPECT_EQ(name, "alerts");
+  EXPECT_EQ(name + "," + client, "alerts,app");  // read before the failing field
 
   int64_t code = 7;
   EXPECT_EQ(DomainUtil::GetCommand(HashWith("DomainCommand", Text("0")), code), kInvalidCommand);
-  EXPECT_EQ(DomainUtil::GetCommand(HashWith("x", nullptr), code), kInvalidCommand);
+  EXPECT_EQ(DomainUtil::GetCommand(HashWith("x", Int(0)), code), kInvalidCommand);
   EXPECT_EQ(code, 7);
 
   std::shared_ptr<IHash> record;
@@ -94,24 +64,20 @@ TEST(DomainUtilCommand, BadFieldsAreInvalidCommands) {
   EXPECT_EQ(record, inner);  // shared, not copied
 }
 
-TEST(DomainUtilResponse, StatusTravelsAsANumberOnly) {
+TEST(DomainUtil, ResponseStatusTravelsAsANumberOnly) {
   std::shared_ptr<IHash> response;
   ASSERT_EQ(DomainUtil::CreateResponse(make_error_code(kTransactionConflict), response), kSuccess);
   EXPECT_EQ(DomainUtil::GetResponseStatus(response), kTransactionConflict);
-  ASSERT_EQ(DomainUtil::CreateResponse(make_error_code(kSuccess), response), kSuccess);
-  EXPECT_EQ(DomainUtil::GetResponseStatus(response), kSuccess);
-
+  EXPECT_EQ(DomainUtil::GetResponseStatus(HashWith("DomainResponse", Int(100))), kSuccess);
   const std::error_code zero = DomainUtil::GetResponseStatus(HashWith("DomainResponse", Int(0)));
-  EXPECT_EQ(zero.value(), 0);
-  EXPECT_EQ(&zero.category(), &qelss_category());
+  EXPECT_EQ(zero, std::error_code(0, qelss_category()));
   EXPECT_FALSE(Succeeded(zero));
-
   EXPECT_EQ(DomainUtil::GetResponseStatus(HashWith("DomainResponse", Text("100"))),
             kInvalidResponse);
   EXPECT_EQ(DomainUtil::GetResponseStatus(HashWith("Other", Int(100))), kInvalidResponse);
 }
 
-TEST(DomainUtilChange, ReadsPathTypeAndValueOnlyForSettings) {
+TEST(DomainUtil, ChangeRecordsGiveAValueOnlyForSettings) {
   auto change = HashWith("Path", Text("a/b"));
   ASSERT_EQ(change->Set("Change", Int(1)), kSuccess);
   ASSERT_EQ(change->Set("NewValue", Text("v")), kSuccess);
@@ -134,43 +100,29 @@ TEST(DomainUtilChange, ReadsPathTypeAndValueOnlyForSettings) {
   EXPECT_EQ(DomainUtil::GetTransactionChangeInfo(change, path, type, value), kInvalidData);
   EXPECT_EQ(DomainUtil::GetTransactionChangeInfo(HashWith("Path", Int(1)), path, type, value),
             kInvalidData);
-  EXPECT_EQ(DomainUtil::GetTransactionChangeInfo(HashWith("Change", Int(1)), path, type, value),
-            kInvalidData);
 }
 
-TEST(DomainUtilRoot, NewRootHasCountZeroAndAnEmptyTree) {
-  std::shared_ptr<IHash> root;
+TEST(DomainUtil, RootsStartAtZeroAndCountByReplacingTheNumber) {
+  std::shared_ptr<IHash> root, tree;
+  std::shared_ptr<IValue> before, after;
   ASSERT_EQ(DomainUtil::CreateDomainRoot(root), kSuccess);
-  EXPECT_EQ(Keys(*root), (std::vector<std::string>{"DomainInternalSettings",
-                                                   "QelSharedSettingsGenerationCount"}));
-  std::shared_ptr<IHash> tree;
+  EXPECT_EQ(root->GetCount(), 2u);
   ASSERT_EQ(DomainUtil::GetInternalSettings(root, tree), kSuccess);
   EXPECT_EQ(tree->GetCount(), 0u);
-
-  std::shared_ptr<IValue> before;
   ASSERT_EQ(root->Get("QelSharedSettingsGenerationCount", before), kSuccess);
-  EXPECT_TRUE(*before == *Int(0));
   EXPECT_EQ(DomainUtil::IncrementGenerationCount(root), kSuccess);
   EXPECT_EQ(DomainUtil::IncrementGenerationCount(root), kSuccess);
-  std::shared_ptr<IValue> after;
   ASSERT_EQ(root->Get("QelSharedSettingsGenerationCount", after), kSuccess);
   EXPECT_TRUE(*after == *Int(2));
   EXPECT_TRUE(*before == *Int(0));  // replaced, not changed in place
-}
 
-TEST(DomainUtilRoot, BookkeepingOfTheWrongShapeIsInvalidData) {
-  auto countless = HashWith("DomainInternalSettings", HashWith("a", Int(1)));
+  auto countless = HashWith("DomainInternalSettings", tree);
   EXPECT_EQ(DomainUtil::IncrementGenerationCount(countless), kInvalidData);
   EXPECT_EQ(countless->GetCount(), 1u);
-  EXPECT_EQ(
-      DomainUtil::IncrementGenerationCount(HashWith("QelSharedSettingsGenerationCount", Text("3"))),
-      kInvalidData);
-
-  std::shared_ptr<IHash> tree;
-  EXPECT_EQ(DomainUtil::GetInternalSettings(HashWith("DomainInternalSettings", Int(1)), tree),
+  std::shared_ptr<IHash> none;
+  EXPECT_EQ(DomainUtil::GetInternalSettings(HashWith("DomainInternalSettings", Int(1)), none),
             kInvalidData);
-  EXPECT_EQ(DomainUtil::GetInternalSettings(HashWith("x", nullptr), tree), kInvalidData);
-  EXPECT_EQ(tree, nullptr);
+  EXPECT_EQ(none, nullptr);
 }
 
 }  // namespace
