@@ -30,7 +30,9 @@ namespace QelSS {
 //                      then on the domain queue check and apply it
 //                      (ValidateAndApply, or IsTransactionValid and
 //                      ApplyTransaction when something must happen in
-//                      between), and call `done` exactly once.
+//                      between), and call `done` exactly once, after the
+//                      block on the domain queue has ended (`done` may call
+//                      the domain again).
 // A subclass for a domain kept by another process calls SetRemote(true) in its
 // constructor.
 //

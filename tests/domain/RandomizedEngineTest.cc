@@ -109,7 +109,7 @@ TEST_P(RandomizedEngineTest, MatchesAMapModel) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, RandomizedEngineTest, ::testing::Values(1u, 2u, 3u, 4u));
+INSTANTIATE_TEST_SUITE_P(RandomRuns, RandomizedEngineTest, ::testing::Values(1u, 2u, 3u, 4u));
 
 }  // namespace
 }  // namespace QelSS

@@ -18,9 +18,8 @@ namespace QelSS {
 //
 // Domains are opened by the domain factory and always held through
 // std::shared_ptr. Every operation is thread-safe: reads and changes of the
-// state run one at a time on the domain's own serial queue. Do not call a
-// domain's operations from inside its CommitTransaction completion when that
-// completion runs on the domain's queue (a local domain's does).
+// state run one at a time on the domain's own serial queue. Completions and
+// observers never run inside that queue, so they may call the domain again.
 class QELSS_EXPORT IDomainSetting {
  public:
   // Copies the domain's name, lower-cased. kSuccess; kFailure if copying fails.
@@ -39,7 +38,8 @@ class QELSS_EXPORT IDomainSetting {
 
   // Commits the transaction's changes. Returns kSuccess when the commit was
   // started; `done` is then called exactly once with the outcome, possibly
-  // before this returns and possibly on another thread:
+  // before this returns and possibly on another thread, but never from inside
+  // the domain's queue:
   //   kSuccess              applied (also for a transaction without changes,
   //                         which applies nothing and leaves the count alone)
   //   kInvalidArgument      null transaction
