@@ -3,6 +3,12 @@
 // Everything an application needs from QelSS, in one include.
 
 #include "qelss/Export.h"
+#include "qelss/domain/Constants.h"
+#include "qelss/domain/IDomainSetting.h"
+#include "qelss/domain/IObserver.h"
+#include "qelss/domain/ITransaction.h"
+#include "qelss/domain/SettingsObserver.h"
+#include "qelss/ipc/DomainUtil.h"
 #include "qelss/platform/QelException.h"
 #include "qelss/platform/xpc.h"
 #include "qelss/values/ArrayFactory.h"

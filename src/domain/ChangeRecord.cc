@@ -1,0 +1,101 @@
+#include "domain/ChangeRecord.h"
+
+#include "domain/DomainRoot.h"
+#include "domain/RecordKeys.h"
+#include "qelss/values/INumber.h"
+#include "values/KeyPath.h"
+
+namespace QelSS {
+
+std::error_code ReadChangeRecord(const std::shared_ptr<IHash>& change,
+                                 std::shared_ptr<IString>& path,
+                                 Constants::TransactionChangeType& type,
+                                 std::shared_ptr<IValue>& value) {
+  if (!change) return kInvalidArgument;
+  std::shared_ptr<IValue> found;
+  if (std::error_code read = DomainRoot::LookUp(*change, RecordKeys::kPath, found);
+      read != kSuccess) {
+    return read;
+  }
+  auto text = std::dynamic_pointer_cast<IString>(found);
+  if (!text) return kInvalidData;
+  path = std::move(text);
+
+  if (std::error_code read = DomainRoot::LookUp(*change, RecordKeys::kChange, found);
+      read != kSuccess) {
+    return read;
+  }
+  auto number = std::dynamic_pointer_cast<INumber>(found);
+  int64_t kind = 0;
+  if (!number || number->GetInt64(kind) != kSuccess) return kInvalidData;
+  type = static_cast<Constants::TransactionChangeType>(kind);
+
+  if (type == Constants::Set) {
+    if (std::error_code read = DomainRoot::LookUp(*change, RecordKeys::kNewValue, found);
+        read != kSuccess) {
+      return read;
+    }
+    value = std::move(found);
+  }
+  return kSuccess;
+}
+
+std::error_code GetChangeArray(const std::shared_ptr<IHash>& record,
+                               std::shared_ptr<IArray>& changes) {
+  if (!record) return kInvalidArgument;
+  std::shared_ptr<IValue> found;
+  if (std::error_code read = DomainRoot::LookUp(*record, RecordKeys::kChanges, found);
+      read != kSuccess) {
+    return read;
+  }
+  auto array = std::dynamic_pointer_cast<IArray>(found);
+  if (!array) return kInvalidData;
+  changes = std::move(array);
+  return kSuccess;
+}
+
+std::error_code ReadChanges(const std::shared_ptr<IArray>& changes, std::vector<Change>& out) {
+  if (!changes) return kInvalidArgument;
+  std::vector<Change> read;
+  read.reserve(changes->GetCount());
+  std::error_code result = make_error_code(kSuccess);
+  // Iterate works on a snapshot, so the array may change meanwhile without
+  // tearing the list read here.
+  std::error_code walked =
+      changes->Iterate([&](const std::shared_ptr<IValue>& element, unsigned int, bool& stop) {
+        Change change;
+        if (ReadChangeRecord(std::dynamic_pointer_cast<IHash>(element), change.path, change.type,
+                             change.value) != kSuccess) {
+          result = make_error_code(kInvalidData);
+          stop = true;
+          return;
+        }
+        if (change.IsDeletion()) change.value.reset();
+        read.push_back(std::move(change));
+      });
+  if (walked != kSuccess) return walked;
+  if (result != kSuccess) return result;
+  out = std::move(read);
+  return kSuccess;
+}
+
+IObserver::ChangeList MakeChangeList(const std::vector<Change>& changes) {
+  IObserver::ChangeList list;
+  list.reserve(changes.size());
+  for (const Change& change : changes) {
+    list.emplace_back(change.path->GetCString(),
+                      change.IsDeletion() ? IObserver::Deleted : IObserver::Modified, change.value);
+  }
+  return list;
+}
+
+std::string CanonicalPath(const char* path) {
+  std::string canonical;
+  for (const std::string& component : KeyPath::Split(path)) {
+    if (!canonical.empty()) canonical += '/';
+    canonical += component;
+  }
+  return canonical;
+}
+
+}  // namespace QelSS

@@ -1,0 +1,200 @@
+#include "domain/Transaction.h"
+
+#include <utility>
+
+#include "domain/DomainRoot.h"
+#include "domain/RecordKeys.h"
+#include "persistence/CaughtException.h"
+#include "platform/report/Report.h"
+#include "qelss/values/ArrayFactory.h"
+#include "qelss/values/Exceptions.h"
+#include "qelss/values/HashFactory.h"
+#include "qelss/values/NumberFactory.h"
+#include "qelss/values/StringFactory.h"
+#include "values/KeyPath.h"
+
+namespace QelSS {
+namespace {
+
+constexpr uint32_t kQueueTag = DispatchQueue::MakeTag("QSSE");
+constexpr uint32_t kReportTag = QelErrTag("SSTR");
+
+void ThrowOnFailure(std::error_code code) {
+  if (code != kSuccess) throw TransactionException(code, "Transaction: Failed to init");
+}
+
+}  // namespace
+
+std::error_code Transaction::Create(std::shared_ptr<ITransaction>& out,
+                                    const std::string& domainName,
+                                    std::shared_ptr<IHash> workingSettings) {
+  try {
+    out = std::make_shared<Transaction>(domainName, std::move(workingSettings));
+    return kSuccess;
+  } catch (const TransactionException& e) {
+    return e.code();
+  }
+}
+
+Transaction::Transaction(const std::string& domainName, std::shared_ptr<IHash>&& workingSettings) {
+  if (domainName.empty() || !workingSettings) ThrowOnFailure(kInvalidArgument);
+  std::error_code queued = DispatchQueue::QueueFactory::Create(
+      queue_, DispatchQueue::kQueueTypeDefault, "com.qelvarin.qss.transaction",
+      QOS_CLASS_USER_INTERACTIVE);
+  // The queue library reports success as 0, not as kSuccess.
+  if (queued) ThrowOnFailure(queued);
+  ThrowOnFailure(StringFactory::Create(domainName_, domainName));
+  ThrowOnFailure(ArrayFactory::Create(changes_));
+  workingSettings_ = std::move(workingSettings);
+}
+
+Transaction::~Transaction() = default;
+
+std::error_code Transaction::RunOnQueue(QelSS::FunctionRef<std::error_code()> body) {
+  std::error_code result = make_error_code(kFailure);
+  try {
+    queue_->Sync(kQueueTag, DispatchQueue::kRunChangesState, [&] { result = body(); });
+  } catch (...) {
+    ReportCaughtException(1, kReportTag, "Transaction");
+    result = make_error_code(kFailure);
+  }
+  return result;
+}
+
+std::error_code Transaction::GetTree(std::shared_ptr<IHash>& tree) const {
+  std::shared_ptr<IValue> value;
+  if (std::error_code found = workingSettings_->Get(RecordKeys::kInternalSettings, value);
+      found != kSuccess) {
+    return found;
+  }
+  auto hash = std::dynamic_pointer_cast<IHash>(value);
+  if (!hash) return kInvalidData;
+  tree = std::move(hash);
+  return kSuccess;
+}
+
+std::error_code Transaction::Delete(const std::string& path) {
+  return RunOnQueue([&]() -> std::error_code {
+    std::shared_ptr<IHash> tree;
+    if (std::error_code got = GetTree(tree); got != kSuccess) return got;
+    std::error_code removed = KeyPath::Remove(tree, path);
+    if (removed == kNotFound) return kSuccess;
+    if (removed != kSuccess) return removed;
+    return AppendChange(path, Constants::Delete, nullptr);
+  });
+}
+
+std::error_code Transaction::Set(const std::string& path, const std::shared_ptr<IValue>& value) {
+  if (path.empty() || !value) return kInvalidArgument;
+  return RunOnQueue([&]() -> std::error_code {
+    std::shared_ptr<IHash> tree;
+    if (std::error_code got = GetTree(tree); got != kSuccess) return got;
+    std::error_code stored = KeyPath::Store(tree, path, value);
+    if (stored == kOperationRefused) return kSuccess;
+    if (stored != kSuccess) return stored;
+    return AppendChange(path, Constants::Set, value);
+  });
+}
+
+// Runs after the working copy has changed. Only allocation can fail here, and
+// then the copy is ahead of the record; the caller sees the failure and the
+// transaction is not worth committing.
+std::error_code Transaction::AppendChange(const std::string& path,
+                                          Constants::TransactionChangeType type,
+                                          const std::shared_ptr<IValue>& value) {
+  std::shared_ptr<IHash> change;
+  if (std::error_code made = HashFactory::Create(change); made != kSuccess) return made;
+  std::shared_ptr<IString> pathValue;
+  if (std::error_code made = StringFactory::Create(pathValue, path); made != kSuccess) return made;
+  if (std::error_code set = change->Set(RecordKeys::kPath, pathValue); set != kSuccess) return set;
+  std::shared_ptr<INumber> kind;
+  if (std::error_code made = NumberFactory::Create(kind, static_cast<long long>(type));
+      made != kSuccess) {
+    return made;
+  }
+  if (std::error_code set = change->Set(RecordKeys::kChange, kind); set != kSuccess) return set;
+  if (type == Constants::Set) {
+    if (std::error_code set = change->Set(RecordKeys::kNewValue, value); set != kSuccess) {
+      return set;
+    }
+  }
+  return changes_->Append(change);
+}
+
+std::error_code Transaction::GetTransactionRecord(std::shared_ptr<IHash>& record) {
+  std::shared_ptr<IHash> built;
+  if (std::error_code made = HashFactory::Create(built); made != kSuccess) return made;
+  std::error_code result = RunOnQueue([&]() -> std::error_code {
+    if (std::error_code set = built->Set(RecordKeys::kDomainName, domainName_); set != kSuccess) {
+      return set;
+    }
+    if (std::error_code set = built->Set(RecordKeys::kChanges, changes_); set != kSuccess) {
+      return set;
+    }
+    std::shared_ptr<IValue> count;
+    if (std::error_code got = workingSettings_->Get(RecordKeys::kGenerationCount, count);
+        got != kSuccess) {
+      return got;
+    }
+    return built->Set(RecordKeys::kGenerationCount, count);
+  });
+  if (result == kSuccess) record = std::move(built);
+  return result;
+}
+
+std::error_code Transaction::SetTransactionRecord(const std::shared_ptr<IHash>& record) {
+  if (!record) return kInvalidArgument;
+  return RunOnQueue([&] { return TakeOverRecord(record); });
+}
+
+std::error_code Transaction::TakeOverRecord(const std::shared_ptr<IHash>& record) {
+  std::shared_ptr<IValue> name;
+  if (std::error_code got = record->Get(RecordKeys::kDomainName, name); got != kSuccess) {
+    return got;
+  }
+  auto text = std::dynamic_pointer_cast<IString>(name);
+  if (!text) return kInvalidData;
+  if (std::string_view(text->GetCString()) != domainName_->GetCString()) {
+    return kTransactionConflict;
+  }
+
+  int64_t recordCount = 0;
+  int64_t ownCount = 0;
+  if (std::error_code got = DomainRoot::GetGenerationCount(record, recordCount); got != kSuccess) {
+    return got;
+  }
+  if (std::error_code got = DomainRoot::GetGenerationCount(workingSettings_, ownCount);
+      got != kSuccess) {
+    return got;
+  }
+  // Compared as unsigned on purpose, so that a negative count never passes for
+  // a recent one.
+  if (static_cast<uint64_t>(ownCount) > static_cast<uint64_t>(recordCount) + kMaxRecordAge) {
+    return kTransactionConflict;
+  }
+
+  std::shared_ptr<IValue> changes;
+  if (std::error_code got = record->Get(RecordKeys::kChanges, changes); got != kSuccess) {
+    return got;
+  }
+  if (auto array = std::dynamic_pointer_cast<IArray>(changes)) {
+    changes_ = std::move(array);
+    return kSuccess;
+  }
+  std::shared_ptr<IArray> empty;
+  if (std::error_code made = ArrayFactory::Create(empty); made != kSuccess) return made;
+  changes_ = std::move(empty);
+  return kNotFound;
+}
+
+bool Transaction::HasChanges() {
+  bool any = false;
+  try {
+    queue_->Sync(kQueueTag, DispatchQueue::kRunNoFlags, [&] { any = changes_->GetCount() != 0; });
+  } catch (...) {
+    ReportCaughtException(1, kReportTag, "HasChanges");
+  }
+  return any;
+}
+
+}  // namespace QelSS
