@@ -1,0 +1,47 @@
+#include <new>
+
+#include "platform/dispatch/SerialQueue.h"
+#include "qelss/platform/Dispatch.h"
+#include "qelss/values/ErrorCode.h"
+
+namespace DispatchQueue {
+
+namespace {
+
+bool IsKnownQos(qos_class_t qos) {
+  switch (qos) {
+    case QOS_CLASS_USER_INTERACTIVE:
+    case QOS_CLASS_USER_INITIATED:
+    case QOS_CLASS_DEFAULT:
+    case QOS_CLASS_UTILITY:
+    case QOS_CLASS_BACKGROUND:
+    case QOS_CLASS_UNSPECIFIED:
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+IQueue::~IQueue() = default;
+
+std::error_code QueueFactory::Create(std::shared_ptr<IQueue>& out, Type type, const char* label,
+                                     qos_class_t qos) {
+  using QelSS::platform::SerialQueue;
+  if ((type != kQueueTypeDefault && type != kQueueTypeSerial) || !IsKnownQos(qos)) {
+    return QelSS::make_error_code(QelSS::kInvalidArgument);
+  }
+  try {
+    // The shared_ptr owns one reference; should its control block fail to
+    // allocate, it releases that reference itself.
+    out = std::shared_ptr<IQueue>(SerialQueue::New(label), [](IQueue* queue) {
+      static_cast<SerialQueue*>(queue)->Release();
+    });
+  } catch (const std::bad_alloc&) {
+    return QelSS::make_error_code(QelSS::kAllocationFailed);
+  }
+  return {};
+}
+
+}  // namespace DispatchQueue
