@@ -13,9 +13,18 @@
 namespace QelSS {
 
 // Orders hash keys by the bytes of their UTF-8 text (strcmp), so "B" < "a" < "b".
+// Transparent, so that a lookup by C string needs no String value.
 struct HashKeyLess {
+  using is_transparent = void;
+
   bool operator()(const std::shared_ptr<IString>& a, const std::shared_ptr<IString>& b) const {
     return std::strcmp(a->GetCString(), b->GetCString()) < 0;
+  }
+  bool operator()(const std::shared_ptr<IString>& a, const char* b) const {
+    return std::strcmp(a->GetCString(), b) < 0;
+  }
+  bool operator()(const char* a, const std::shared_ptr<IString>& b) const {
+    return std::strcmp(a, b->GetCString()) < 0;
   }
 };
 
@@ -27,7 +36,15 @@ using HashIterateFunction = std::function<void(const std::shared_ptr<IString>& k
 // A map of string keys to values (tag kValueTypeHash): the tree type of every
 // domain, record and message. Keys are unique by text and iterate in byte order.
 // Keys and values are shared, not copied, by Set and Get; Clone, Assign and copy
-// assignment copy deeply.
+// assignment copy deeply (every value cloned; keys, being immutable strings,
+// are shared by the copy).
+//
+// Cycles. A hash refuses to hold itself (kInvalidArgument). A hash that holds
+// itself through other containers cannot be refused cheaply and must not be
+// built: it is never freed, and deep copies, comparisons, descriptions, merges
+// and platform copies of it stop after 512 levels of nesting with
+// kOperationRefused (comparisons answer false). Trees nested deeper than that
+// are refused the same way.
 //
 // Thread-safe: every operation runs on the hash's own serial queue. Operations
 // that visit another container (equality, deep copy, Merge) work from a snapshot
@@ -40,22 +57,25 @@ class QELSS_EXPORT IHash : public virtual IValue {
  public:
   ~IHash() override;
 
-  // Sets the entry for the key's text (replacing one that exists). kInvalidArgument
-  // for a null key or value. The C-string form first makes a String of the key;
-  // its failure is the result.
+  // Sets the entry for the key's text (replacing one that exists; the stored
+  // key is kept). kInvalidArgument for a null key or value and for this hash
+  // itself. The C-string form makes a String of the key only when the key is
+  // new.
   [[nodiscard]] virtual std::error_code Set(const std::shared_ptr<IString>& key,
                                             const std::shared_ptr<IValue>& value) = 0;
   [[nodiscard]] virtual std::error_code Set(const char* key,
                                             const std::shared_ptr<IValue>& value) = 0;
 
-  // Replaces every entry with those of `entries`, which is left empty.
+  // Replaces every entry with those of `entries`, which is left empty. Entries
+  // with a null key or value, or holding this hash itself, are dropped.
   virtual void SetEntries(HashEntries&& entries) = 0;
 
-  // Deep copy of `other` (keys and values cloned). Throws DataTypeException
+  // Deep copy of `other` (values cloned, keys shared). Throws DataTypeException
   // ("Failed to copy in object") when a clone fails; this hash is then unchanged.
   // Assigning a hash to itself does nothing.
   virtual IHash& operator=(const IHash& other) = 0;
-  // Takes over the entries of `other`, leaving it empty.
+  // Takes over the entries of `other`, leaving it empty. Assigning a hash to
+  // itself does nothing.
   virtual IHash& operator=(IHash&& other) = 0;
 
   // `out` shares the stored value. kInvalidArgument for a null key; kNotFound
@@ -75,7 +95,10 @@ class QELSS_EXPORT IHash : public virtual IValue {
 
   virtual void RemoveAll() = 0;
 
-  // Calls `function` for each entry in key order until it sets `stop`.
+  // Calls `function` for each entry in key order until it sets `stop`, on a
+  // snapshot taken when the call starts: changes made meanwhile, by the
+  // function or by other threads, are not seen. kInvalidArgument for an empty
+  // function.
   [[nodiscard]] virtual std::error_code Iterate(const HashIterateFunction& function) const = 0;
 
   virtual size_t GetCount() const = 0;
@@ -84,10 +107,21 @@ class QELSS_EXPORT IHash : public virtual IValue {
   // a failed clone's code otherwise.
   [[nodiscard]] virtual std::error_code Assign(const std::shared_ptr<IHash>& other) = 0;
 
-  // Adds what `other` has and this hash lacks, recursively through nested hashes
-  // and through hashes inside arrays; never replaces an existing scalar.
-  // kInvalidArgument for null; kInvalidData when a nested value is of another
-  // type on the two sides; kIndexOutOfRange as described for arrays of hashes.
+  // Adds what `other` has and this hash lacks, walking `other` in key order:
+  //  - a key this hash lacks is set to the other's value object (shared);
+  //  - a hash under a key both have is merged into this hash's value by these
+  //    same rules;
+  //  - an array under a key both have: each hash element of the other's array
+  //    (elements of other kinds are skipped) is inserted at its own index when
+  //    this hash's array is empty, and otherwise merged into this array's
+  //    element at the same index. The count is read afresh for each element, so
+  //    two hash elements merged into an empty array insert the first and then
+  //    fail with kIndexOutOfRange; callers rely on exactly that;
+  //  - any other value already present is kept.
+  // The first failure stops the walk, with what was merged so far kept:
+  // kInvalidArgument for null; kInvalidData when the two sides hold different
+  // kinds under a key, or at an array index, that needs merging;
+  // kIndexOutOfRange when an array element has no counterpart.
   [[nodiscard]] virtual std::error_code Merge(const std::shared_ptr<IHash>& other) = 0;
 };
 

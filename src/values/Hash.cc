@@ -1,0 +1,337 @@
+#include "values/Hash.h"
+
+#include <cstring>
+#include <utility>
+
+#include "platform/report/Report.h"
+#include "qelss/values/StringFactory.h"
+#include "values/ContainerSupport.h"
+#include "values/ValueSupport.h"
+
+namespace QelSS {
+namespace {
+
+constexpr uint32_t kTag = QelErrTag("SSHC");
+constexpr const char* kQueueLabel = "com.qelvarin.hashsync";
+constexpr unsigned int kChildIndent = 15;
+
+}  // namespace
+
+IHash::~IHash() = default;
+
+Hash::Hash() : Value(kValueTypeHash) {
+  std::error_code result = CreateContainerQueue(kQueueLabel, queue_);
+  if (!Succeeded(result)) {
+    throw DataTypeException(result, "Hash: Failed to create hash serialize queue");
+  }
+}
+
+Hash::Hash(void* object) : Hash() {
+  auto dictionary = static_cast<xpc_object_t>(object);
+  if (xpc_get_type(dictionary) != XPC_TYPE_DICTIONARY) {
+    throw DataTypeException(kInvalidType, "Hash: Invalid xpc object");
+  }
+  NestingGuard guard;
+  std::error_code result = guard.Within() ? kSuccess : kOperationRefused;
+  // Nobody else can see this hash yet, so the map is filled without the queue.
+  // The dictionary hands its entries over in key order: each one goes last.
+  xpc_dictionary_apply(dictionary, [&](const char* key, xpc_object_t value) {
+    if (!Succeeded(result)) return false;
+    std::shared_ptr<IString> madeKey;
+    std::shared_ptr<IValue> madeValue;
+    result = StringFactory::Create(madeKey, key);
+    if (Succeeded(result)) result = MakeValueFromPlatform(value, madeValue);
+    if (Succeeded(result)) entries_.emplace_hint(entries_.end(), madeKey, madeValue);
+    return Succeeded(result);
+  });
+  if (!Succeeded(result)) throw DataTypeException(result, "Hash: failed to init");
+}
+
+Hash::Hash(HashEntries&& entries) : Hash() { entries_ = std::move(entries); }
+
+Hash::~Hash() = default;
+
+template <typename Block>
+bool Hash::OnQueue(uint32_t flags, Block&& block) const {
+  return RunOnQueue(*queue_, kTag, flags, std::forward<Block>(block));
+}
+
+std::error_code Hash::Set(const std::shared_ptr<IString>& key,
+                          const std::shared_ptr<IValue>& value) {
+  if (!key || !value || IsSelf(value)) return kInvalidArgument;
+  std::shared_ptr<IValue> replaced;
+  std::error_code result = kFailure;
+  OnQueue(DispatchQueue::kRunChangesState, [&] {
+    auto [slot, inserted] = entries_.try_emplace(key, value);
+    if (!inserted) replaced = std::exchange(slot->second, value);
+    result = kSuccess;
+  });
+  return result;
+}
+
+std::error_code Hash::Set(const char* key, const std::shared_ptr<IValue>& value) {
+  if (key == nullptr || !value || IsSelf(value)) return kInvalidArgument;
+  std::shared_ptr<IValue> replaced;
+  std::error_code result = kFailure;
+  OnQueue(DispatchQueue::kRunChangesState, [&] {
+    // Replacing keeps the stored key, so only a new key costs a String.
+    auto slot = entries_.lower_bound(key);
+    if (slot != entries_.end() && std::strcmp(slot->first->GetCString(), key) == 0) {
+      replaced = std::exchange(slot->second, value);
+      result = kSuccess;
+      return;
+    }
+    std::shared_ptr<IString> madeKey;
+    result = StringFactory::Create(madeKey, key);
+    if (Succeeded(result)) entries_.emplace_hint(slot, std::move(madeKey), value);
+  });
+  return result;
+}
+
+void Hash::SetEntries(HashEntries&& entries) {
+  std::erase_if(entries, [this](const auto& entry) {
+    return !entry.first || !entry.second || IsSelf(entry.second);
+  });
+  OnQueue(DispatchQueue::kRunChangesState, [&] { entries_.swap(entries); });
+  // The old entries are released here, off the queue.
+  entries.clear();
+}
+
+Hash& Hash::operator=(const IHash& other) {
+  if (&other == static_cast<const IHash*>(this)) return *this;
+  HashEntries copy;
+  std::error_code result = CopyEntriesOf(other, copy);
+  if (!Succeeded(result)) throw DataTypeException(result, "Failed to copy in object");
+  SetEntries(std::move(copy));
+  return *this;
+}
+
+Hash& Hash::operator=(IHash&& other) {
+  if (&other == static_cast<IHash*>(this)) return *this;
+  HashEntries taken;
+  if (auto* hash = dynamic_cast<Hash*>(&other)) {
+    taken = hash->TakeEntries();
+  } else {
+    (void)other.Iterate([&taken](const auto& key, const auto& value, bool&) {
+      taken.emplace_hint(taken.end(), key, value);
+    });
+    other.RemoveAll();
+  }
+  SetEntries(std::move(taken));
+  return *this;
+}
+
+HashEntries Hash::TakeEntries() {
+  HashEntries taken;
+  OnQueue(DispatchQueue::kRunChangesState, [&] { taken.swap(entries_); });
+  return taken;
+}
+
+std::error_code Hash::Lookup(const char* key, std::shared_ptr<IValue>* out) const {
+  std::shared_ptr<IValue> found;
+  std::error_code result = kFailure;
+  OnQueue(DispatchQueue::kRunNoFlags, [&] {
+    auto slot = entries_.find(key);
+    if (slot == entries_.end()) {
+      result = kNotFound;
+      return;
+    }
+    if (out != nullptr) found = slot->second;
+    result = kSuccess;
+  });
+  // Whatever `out` held before is released off the queue.
+  if (out != nullptr && Succeeded(result)) *out = std::move(found);
+  return result;
+}
+
+std::error_code Hash::Get(const std::shared_ptr<IString>& key, std::shared_ptr<IValue>& out) const {
+  return key ? Lookup(key->GetCString(), &out) : make_error_code(kInvalidArgument);
+}
+
+std::error_code Hash::Get(const char* key, std::shared_ptr<IValue>& out) const {
+  return key != nullptr ? Lookup(key, &out) : make_error_code(kInvalidArgument);
+}
+
+std::error_code Hash::Contains(const std::shared_ptr<IString>& key) const {
+  return key ? Lookup(key->GetCString(), nullptr) : make_error_code(kInvalidArgument);
+}
+
+std::error_code Hash::Contains(const char* key) const {
+  return key != nullptr ? Lookup(key, nullptr) : make_error_code(kInvalidArgument);
+}
+
+std::error_code Hash::Erase(const char* key) {
+  HashEntries::node_type removed;
+  std::error_code result = kFailure;
+  OnQueue(DispatchQueue::kRunChangesState, [&] {
+    auto slot = entries_.find(key);
+    if (slot != entries_.end()) removed = entries_.extract(slot);
+    result = removed ? kSuccess : kNotFound;
+  });
+  return result;
+}
+
+std::error_code Hash::Delete(const std::shared_ptr<IString>& key) {
+  return key ? Erase(key->GetCString()) : make_error_code(kInvalidArgument);
+}
+
+std::error_code Hash::Delete(const char* key) {
+  return key != nullptr ? Erase(key) : make_error_code(kInvalidArgument);
+}
+
+void Hash::RemoveAll() {
+  HashEntries removed;
+  OnQueue(DispatchQueue::kRunChangesState, [&] { removed.swap(entries_); });
+}
+
+HashSnapshot Hash::Snapshot() const {
+  HashSnapshot entries;
+  OnQueue(DispatchQueue::kRunNoFlags, [&] {
+    entries.reserve(entries_.size());
+    for (const auto& entry : entries_) entries.emplace_back(entry);
+  });
+  return entries;
+}
+
+std::error_code Hash::Iterate(const HashIterateFunction& function) const {
+  if (!function) return kInvalidArgument;
+  bool stop = false;
+  for (const auto& [key, value] : Snapshot()) {
+    function(key, value, stop);
+    if (stop) break;
+  }
+  return kSuccess;
+}
+
+size_t Hash::GetCount() const {
+  size_t count = 0;
+  OnQueue(DispatchQueue::kRunNoFlags, [&] { count = entries_.size(); });
+  return count;
+}
+
+std::error_code Hash::CopyEntriesTo(HashEntries& out) const {
+  NestingGuard guard;
+  if (!guard.Within()) return kOperationRefused;
+  // Copying the tree as it stands compares no keys; the queue is held only for
+  // that. The copy is private, so its values are then cloned off the queue.
+  if (!OnQueue(DispatchQueue::kRunNoFlags, [&] { out = entries_; })) return kFailure;
+  std::error_code result = kSuccess;
+  for (auto slot = out.begin(); Succeeded(result) && slot != out.end(); ++slot) {
+    std::shared_ptr<IValue> clone;
+    result = slot->second->Clone(clone);
+    if (Succeeded(result)) slot->second = std::move(clone);
+  }
+  return result;
+}
+
+std::error_code Hash::CopyEntriesOf(const IHash& source, HashEntries& out) {
+  if (auto* hash = dynamic_cast<const Hash*>(&source)) return hash->CopyEntriesTo(out);
+  std::error_code result = kSuccess;
+  std::error_code walked = source.Iterate([&](const auto& key, const auto& value, bool& stop) {
+    std::shared_ptr<IValue> clone;
+    result = value->Clone(clone);
+    if (Succeeded(result)) out.emplace_hint(out.end(), key, std::move(clone));
+    stop = !Succeeded(result);
+  });
+  return Succeeded(walked) ? result : walked;
+}
+
+std::error_code Hash::Clone(std::shared_ptr<IValue>& out) const {
+  HashEntries copy;
+  std::error_code result = CopyEntriesTo(copy);
+  if (!Succeeded(result)) return result;
+  return MakeValue<Hash>(out, std::move(copy));
+}
+
+std::error_code Hash::Assign(const std::shared_ptr<IHash>& other) {
+  if (!other) return kInvalidArgument;
+  try {
+    *this = *other;
+  } catch (const DataTypeException& exception) {
+    return exception.code();
+  }
+  return kSuccess;
+}
+
+std::error_code Hash::CopyXPCObject(xpc_object_t* out) const {
+  if (out == nullptr) return kInvalidArgument;
+  NestingGuard guard;
+  if (!guard.Within()) return kOperationRefused;
+  HashSnapshot entries = Snapshot();
+  xpc_object_t dictionary = xpc_dictionary_create(nullptr, nullptr, 0);
+  if (dictionary == nullptr) return kAllocationFailed;
+  for (const auto& [key, value] : entries) {
+    xpc_object_t copy = nullptr;
+    std::error_code result = value->CopyXPCObject(&copy);
+    if (Succeeded(result) && copy == nullptr) result = kAllocationFailed;
+    if (!Succeeded(result)) {
+      xpc_release(dictionary);
+      return result;
+    }
+    xpc_dictionary_set_value(dictionary, key->GetCString(), copy);
+    xpc_release(copy);
+  }
+  *out = dictionary;
+  return kSuccess;
+}
+
+bool Hash::operator==(const IValue& other) const {
+  // The tag first: comparing with a scalar must never reach a queue.
+  if (other.GetType() != kValueTypeHash) return false;
+  auto* hash = dynamic_cast<const IHash*>(&other);
+  if (hash == nullptr) return false;
+  NestingGuard guard;
+  if (!guard.Within()) return false;
+  // Both sides are snapshots taken one after the other, never both queues at
+  // once. Keys come in the same order on both sides, so equal counts and equal
+  // keys position by position mean every key of this hash is in the other.
+  const HashSnapshot mine = Snapshot();
+  size_t matched = 0;
+  bool equal = true;
+  std::error_code walked = hash->Iterate([&](const auto& key, const auto& value, bool& stop) {
+    equal = matched < mine.size() &&
+            std::strcmp(mine[matched].first->GetCString(), key->GetCString()) == 0 &&
+            *mine[matched].second == *value;
+    ++matched;
+    stop = !equal;
+  });
+  return Succeeded(walked) && equal && matched == mine.size();
+}
+
+std::error_code Hash::Description(std::string& out, unsigned int indent) const {
+  std::error_code result = kFailure;
+  try {
+    NestingGuard guard;
+    if (!guard.Within()) return kOperationRefused;
+    const unsigned int childIndent = indent + kChildIndent;
+    std::string text;
+    std::string keyText;
+    std::string valueText;
+    AppendOpeningBrace(text, indent);
+    bool first = true;
+    for (const auto& [key, value] : Snapshot()) {
+      if (!first) text += ",\n";
+      first = false;
+      result = key->Description(keyText, 0);
+      if (Succeeded(result))
+        result = value->Description(valueText, IsContainer(*value) ? childIndent : 0);
+      if (!Succeeded(result)) return result;
+      AppendAligned(text, keyText, childIndent);
+      text += " : ";
+      text += valueText;
+    }
+    AppendClosingBrace(text, indent);
+    out = std::move(text);
+    result = kSuccess;
+  } catch (...) {
+    ReportCurrentException(kTag, "Description");
+    result = kFailure;
+  }
+  return result;
+}
+
+std::error_code Hash::Serialize(std::vector<uint8_t>& bytes) const {
+  return SerializeValue(*this, kTag, bytes);
+}
+
+}  // namespace QelSS

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "qelss/platform/Dispatch.h"
+#include "qelss/values/IHash.h"
+#include "values/Value.h"
+
+namespace QelSS {
+
+// The entries of a hash as they were at one moment, in key order.
+using HashSnapshot = std::vector<std::pair<std::shared_ptr<IString>, std::shared_ptr<IValue>>>;
+
+// The dictionary value. Its entries live in an ordered map guarded by the
+// hash's own serial queue (see ContainerSupport.h for the lock discipline).
+//
+// Keys are immutable strings, so copies share them; values are cloned. A
+// hash refuses to hold itself directly (kInvalidArgument). Holding itself
+// through another container cannot be refused cheaply and is the caller's
+// mistake: the cycle is never freed, and deep copies, comparisons and
+// descriptions of it stop at kMaxContainerNesting with kOperationRefused.
+//
+// Constructors throw DataTypeException.
+class Hash final : public IHash, public Value {
+ public:
+  Hash();
+  // Converts a platform dictionary (xpc_object_t), nested containers included.
+  explicit Hash(void* object);
+  // Adopts `entries` as they are: the caller hands over a map nobody else sees.
+  explicit Hash(HashEntries&& entries);
+  Hash(const Hash&) = delete;
+  ~Hash() override;
+
+  Hash& operator=(const Hash& other) { return *this = static_cast<const IHash&>(other); }
+  Hash& operator=(Hash&& other) { return *this = static_cast<IHash&&>(other); }
+
+  using Value::Description;
+  std::error_code Description(std::string& out, unsigned int indent) const override;
+  bool operator==(const IValue& other) const override;
+
+  std::error_code Set(const std::shared_ptr<IString>& key,
+                      const std::shared_ptr<IValue>& value) override;
+  std::error_code Set(const char* key, const std::shared_ptr<IValue>& value) override;
+  void SetEntries(HashEntries&& entries) override;
+  Hash& operator=(const IHash& other) override;
+  Hash& operator=(IHash&& other) override;
+  std::error_code Get(const std::shared_ptr<IString>& key,
+                      std::shared_ptr<IValue>& out) const override;
+  std::error_code Get(const char* key, std::shared_ptr<IValue>& out) const override;
+  std::error_code Contains(const std::shared_ptr<IString>& key) const override;
+  std::error_code Contains(const char* key) const override;
+  std::error_code Delete(const std::shared_ptr<IString>& key) override;
+  std::error_code Delete(const char* key) override;
+  void RemoveAll() override;
+  std::error_code Iterate(const HashIterateFunction& function) const override;
+  std::error_code CopyXPCObject(xpc_object_t* out) const override;
+  size_t GetCount() const override;
+  std::error_code Clone(std::shared_ptr<IValue>& out) const override;
+  std::error_code Assign(const std::shared_ptr<IHash>& other) override;
+  std::error_code Merge(const std::shared_ptr<IHash>& other) override;
+  std::error_code Serialize(std::vector<uint8_t>& bytes) const override;
+
+  // The entries as they are now, in key order.
+  HashSnapshot Snapshot() const;
+
+ private:
+  template <typename Block>
+  bool OnQueue(uint32_t flags, Block&& block) const;
+
+  bool IsSelf(const std::shared_ptr<IValue>& value) const noexcept {
+    return value.get() == static_cast<const IValue*>(this);
+  }
+
+  // Deep copy of the entries into `out`, which must be empty; on failure it
+  // holds a partial copy.
+  std::error_code CopyEntriesTo(HashEntries& out) const;
+  // The same for any hash, through the fast path when it is a Hash.
+  static std::error_code CopyEntriesOf(const IHash& source, HashEntries& out);
+  // Empties this hash and hands its entries over.
+  HashEntries TakeEntries();
+  std::error_code Lookup(const char* key, std::shared_ptr<IValue>* out) const;
+  std::error_code Erase(const char* key);
+
+  // Protected by queue_.
+  HashEntries entries_;
+  // Constant after construction.
+  std::shared_ptr<DispatchQueue::IQueue> queue_;
+};
+
+}  // namespace QelSS
