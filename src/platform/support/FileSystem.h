@@ -19,7 +19,7 @@
 namespace QelSS::platform {
 
 enum class OpenMode {
-  kRead,           // an existing file, read only
+  kRead,           // an existing file, read only; a directory is refused (EISDIR)
   kWriteTruncate,  // created when missing (mode 0640 before the umask), emptied when present
 };
 

@@ -19,6 +19,14 @@ std::error_code Result(bool ok) {
   return ok ? make_error_code(kSuccess) : std::error_code(errno, std::system_category());
 }
 
+int OpenRetrying(const char* path, int flags, mode_t mode) {
+  int fd;
+  do {
+    fd = ::open(path, flags, mode);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
 }  // namespace
 
 IFileSystem::~IFileSystem() = default;
@@ -45,15 +53,19 @@ std::error_code PosixFileSystem::Stat(const std::string& path, uint64_t& size) {
 }
 
 // A new file starts private to owner and group, so its content is never
-// readable by others even before its permissions are set explicitly.
+// readable by others even before its permissions are set explicitly. A
+// directory opens, but reading it fails in ways (huge seek offsets) that would
+// pass for other faults, so it is refused here.
 std::error_code PosixFileSystem::Open(const std::string& path, OpenMode mode, int& fd) {
   const int flags =
       mode == OpenMode::kRead ? O_RDONLY | O_CLOEXEC : O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
-  int opened;
-  do {
-    opened = ::open(path.c_str(), flags, kNewFileMode);
-  } while (opened < 0 && errno == EINTR);
+  const int opened = OpenRetrying(path.c_str(), flags, kNewFileMode);
   if (opened < 0) return Result(false);
+  struct stat info {};
+  if (mode == OpenMode::kRead && (::fstat(opened, &info) != 0 || S_ISDIR(info.st_mode))) {
+    ::close(opened);
+    return std::error_code(EISDIR, std::system_category());
+  }
   fd = opened;
   return make_error_code(kSuccess);
 }
@@ -111,8 +123,8 @@ std::error_code PosixFileSystem::Rename(const std::string& from, const std::stri
 // Some file systems refuse fsync on a directory (EINVAL): their entries are
 // as durable as they will ever get, so that is not a failure.
 std::error_code PosixFileSystem::SyncDirectory(const std::string& path) {
-  int fd;
-  if (std::error_code code = Open(path, OpenMode::kRead, fd); code != kSuccess) return code;
+  const int fd = OpenRetrying(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+  if (fd < 0) return Result(false);
   std::error_code result = Sync(fd);
   if (result == std::errc::invalid_argument) result = make_error_code(kSuccess);
   ::close(fd);
