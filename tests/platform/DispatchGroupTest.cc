@@ -46,13 +46,17 @@ TEST_F(GroupTest, WaitOnAnEnteredGroupGivesUpAtItsDeadline) {
 TEST_F(GroupTest, WaitReturnsWhenTheLastWorkLeaves) {
   dispatch_group_enter(group_);
   dispatch_group_enter(group_);
-  std::thread worker([this] {
-    std::this_thread::sleep_for(10ms);
+  // The worker leaves only once the short wait has timed out, so a loaded machine
+  // cannot let both leaves slip in before it.
+  std::promise<void> shortWaitDone;
+  std::thread worker([this, done = shortWaitDone.get_future()] {
+    done.wait();
     dispatch_group_leave(group_);
     std::this_thread::sleep_for(10ms);
     dispatch_group_leave(group_);
   });
   EXPECT_NE(dispatch_group_wait(group_, In(5ms)), 0);
+  shortWaitDone.set_value();
   EXPECT_EQ(dispatch_group_wait(group_, DISPATCH_TIME_FOREVER), 0);
   worker.join();
 }
