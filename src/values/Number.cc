@@ -33,12 +33,7 @@ Number::Number(void* object)
 }
 
 Number::Number(const Number& other)
-    : IValue(other),
-      IValueInternal(other),
-      IValueSerialize(other),
-      INumber(other),
-      Value(other),
-      object_(xpc_copy(other.object_.Get()), false) {
+    : IValue(other), INumber(other), Value(other), object_(xpc_copy(other.object_.Get()), false) {
   if (!object_) throw DataTypeException(kAllocationFailed, kInvalidTypeMessage);
 }
 
