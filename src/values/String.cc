@@ -25,7 +25,8 @@ bool SameText(std::string_view mine, xpc_object_t theirs) noexcept {
 
 std::error_code String::Init(const char* text) noexcept {
   if (text == nullptr) return kInvalidArgument;
-  const size_t length = std::strlen(text);
+  // Bounded: a long text is measured once more by the platform string anyway.
+  const size_t length = strnlen(text, kInlineCapacity + 1);
   if (length <= kInlineCapacity) {
     std::memcpy(inlineText_, text, length + 1);
     inlineLength_ = static_cast<uint8_t>(length);

@@ -98,9 +98,21 @@ T* As(xpc_object_t object, xpc_type_t kind) noexcept {
 
 // The value of a number or date, tagged or on the heap. The caller has checked
 // the kind: int64 and date for the first, uint64 and double for the others.
-int64_t SignedValueOf(xpc_object_t object) noexcept;
-uint64_t UnsignedValueOf(xpc_object_t object) noexcept;
-double DoubleValueOf(xpc_object_t object) noexcept;
+// Inline: equality and the getters of every number go through them.
+inline int64_t SignedValueOf(xpc_object_t object) noexcept {
+  if (IsTagged(object)) {
+    return TaggedKindOf(object) == TaggedKind::kDate ? UntagDate(object) : UntagInt64(object);
+  }
+  return static_cast<Int64*>(object)->value;
+}
+
+inline uint64_t UnsignedValueOf(xpc_object_t object) noexcept {
+  return IsTagged(object) ? UntagUInt64(object) : static_cast<UInt64*>(object)->value;
+}
+
+inline double DoubleValueOf(xpc_object_t object) noexcept {
+  return IsTagged(object) ? UntagDouble(object) : static_cast<Double*>(object)->value;
+}
 
 // Referenced elements of a container taken under its lock, so that the caller
 // can walk, compare or copy them without holding the lock.

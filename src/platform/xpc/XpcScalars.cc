@@ -34,25 +34,6 @@ bool xpc_bool_get_value(xpc_object_t xbool) noexcept {
   return object != nullptr && object->value;
 }
 
-namespace QelSS::xpc {
-
-int64_t SignedValueOf(xpc_object_t object) noexcept {
-  if (IsTagged(object)) {
-    return TaggedKindOf(object) == TaggedKind::kDate ? UntagDate(object) : UntagInt64(object);
-  }
-  return static_cast<Int64*>(object)->value;
-}
-
-uint64_t UnsignedValueOf(xpc_object_t object) noexcept {
-  return IsTagged(object) ? UntagUInt64(object) : static_cast<UInt64*>(object)->value;
-}
-
-double DoubleValueOf(xpc_object_t object) noexcept {
-  return IsTagged(object) ? UntagDouble(object) : static_cast<Double*>(object)->value;
-}
-
-}  // namespace QelSS::xpc
-
 xpc_object_t xpc_int64_create(int64_t value) noexcept {
   if (xpc_object_t tagged = TagInt64(value)) return tagged;
   return new (std::nothrow) Int64(XPC_TYPE_INT64, value);
