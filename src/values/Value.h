@@ -50,8 +50,8 @@ class Value : public IValueInternal, public IValueSerialize, public virtual IVal
 // searches), and the usual case, another object of the same class, is answered
 // without the cross-casts through virtual bases.
 template <typename Concrete>
-const Concrete* SameClass(const Concrete& self, const IValue& other) {
-  if (typeid(other) != typeid(self)) return nullptr;
+const Concrete* SameClass(const Concrete&, const IValue& other) {
+  if (typeid(other) != typeid(Concrete)) return nullptr;
   return static_cast<const Concrete*>(dynamic_cast<const void*>(&other));
 }
 
