@@ -44,12 +44,7 @@ Data::Data(void* object) : Value(kValueTypeData), object_(static_cast<xpc_object
 }
 
 Data::Data(const Data& other)
-    : IValue(other),
-      IValueInternal(other),
-      IValueSerialize(other),
-      IData(other),
-      Value(other),
-      object_(xpc_copy(other.object_.Get()), false) {
+    : IValue(other), IData(other), Value(other), object_(xpc_copy(other.object_.Get()), false) {
   if (!object_) throw DataTypeException(kAllocationFailed, kInvalidTypeMessage);
 }
 

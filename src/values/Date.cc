@@ -68,12 +68,7 @@ Date::Date(void* object)
 }
 
 Date::Date(const Date& other)
-    : IValue(other),
-      IValueInternal(other),
-      IValueSerialize(other),
-      IDate(other),
-      Value(other),
-      object_(xpc_copy(other.object_.Get()), false) {
+    : IValue(other), IDate(other), Value(other), object_(xpc_copy(other.object_.Get()), false) {
   if (!object_) throw DataTypeException(kAllocationFailed, "Date: failed to init");
 }
 

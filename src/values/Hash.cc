@@ -33,7 +33,7 @@ Hash::Hash(void* object) : Hash() {
   }
   NestingGuard guard;
   std::error_code result = guard.Within() ? kSuccess : kOperationRefused;
-  // Nobody else can see this hash yet, so the map is filled without the queue.
+  // Nobody else can see this hash yet, so the table is filled without the queue.
   // The dictionary hands its entries over in key order: each one goes last.
   xpc_dictionary_apply(dictionary, [&](const char* key, xpc_object_t value) {
     if (!Succeeded(result)) return false;
@@ -41,13 +41,13 @@ Hash::Hash(void* object) : Hash() {
     std::shared_ptr<IValue> madeValue;
     result = StringFactory::Create(madeKey, key);
     if (Succeeded(result)) result = MakeValueFromPlatform(value, madeValue);
-    if (Succeeded(result)) entries_.emplace_hint(entries_.end(), madeKey, madeValue);
+    if (Succeeded(result)) entries_.Add({std::move(madeKey), std::move(madeValue)});
     return Succeeded(result);
   });
   if (!Succeeded(result)) throw DataTypeException(result, "Hash: failed to init");
 }
 
-Hash::Hash(HashEntries&& entries) : Hash() { entries_ = std::move(entries); }
+Hash::Hash(HashTable&& entries) : Hash() { entries_ = std::move(entries); }
 
 Hash::~Hash() = default;
 
@@ -62,8 +62,13 @@ std::error_code Hash::Set(const std::shared_ptr<IString>& key,
   std::shared_ptr<IValue> replaced;
   std::error_code result = kFailure;
   OnQueue(DispatchQueue::kRunChangesState, [&] {
-    auto [slot, inserted] = entries_.try_emplace(key, value);
-    if (!inserted) replaced = std::exchange(slot->second, value);
+    const char* text = key->GetCString();
+    const HashTable::Slot slot = entries_.LowerBound(text);
+    if (entries_.Holds(slot, text)) {
+      replaced = std::exchange(entries_.At(slot).second, value);
+    } else {
+      entries_.InsertAt(slot, {key, value});
+    }
     result = kSuccess;
   });
   return result;
@@ -75,55 +80,62 @@ std::error_code Hash::Set(const char* key, const std::shared_ptr<IValue>& value)
   std::error_code result = kFailure;
   OnQueue(DispatchQueue::kRunChangesState, [&] {
     // Replacing keeps the stored key, so only a new key costs a String.
-    auto slot = entries_.lower_bound(key);
-    if (slot != entries_.end() && std::strcmp(slot->first->GetCString(), key) == 0) {
-      replaced = std::exchange(slot->second, value);
+    const HashTable::Slot slot = entries_.LowerBound(key);
+    if (entries_.Holds(slot, key)) {
+      replaced = std::exchange(entries_.At(slot).second, value);
       result = kSuccess;
       return;
     }
     std::shared_ptr<IString> madeKey;
     result = StringFactory::Create(madeKey, key);
-    if (Succeeded(result)) entries_.emplace_hint(slot, std::move(madeKey), value);
+    if (Succeeded(result)) entries_.InsertAt(slot, {std::move(madeKey), value});
   });
   return result;
+}
+
+void Hash::SwapEntries(HashTable& entries) {
+  OnQueue(DispatchQueue::kRunChangesState, [&] { std::swap(entries_, entries); });
 }
 
 void Hash::SetEntries(HashEntries&& entries) {
   std::erase_if(entries, [this](const auto& entry) {
     return !entry.first || !entry.second || IsSelf(entry.second);
   });
-  OnQueue(DispatchQueue::kRunChangesState, [&] { entries_.swap(entries); });
+  HashTable table(std::move(entries));
+  SwapEntries(table);
   // The old entries are released here, off the queue.
-  entries.clear();
 }
 
 Hash& Hash::operator=(const IHash& other) {
   if (&other == static_cast<const IHash*>(this)) return *this;
-  HashEntries copy;
+  HashTable copy;
   std::error_code result = CopyEntriesOf(other, copy);
   if (!Succeeded(result)) throw DataTypeException(result, "Failed to copy in object");
-  SetEntries(std::move(copy));
+  // A copy of a hash that held this one holds this one's clone, never itself.
+  SwapEntries(copy);
   return *this;
 }
 
 Hash& Hash::operator=(IHash&& other) {
   if (&other == static_cast<IHash*>(this)) return *this;
-  HashEntries taken;
+  HashTable taken;
   if (auto* hash = dynamic_cast<Hash*>(&other)) {
     taken = hash->TakeEntries();
   } else {
     (void)other.Iterate([&taken](const auto& key, const auto& value, bool&) {
-      taken.emplace_hint(taken.end(), key, value);
+      if (key && value) taken.Add({key, value});
     });
     other.RemoveAll();
   }
-  SetEntries(std::move(taken));
+  // The other hash may have held this one; this hash must not hold itself.
+  taken.RemoveIf([this](const HashTable::Entry& entry) { return IsSelf(entry.second); });
+  SwapEntries(taken);
   return *this;
 }
 
-HashEntries Hash::TakeEntries() {
-  HashEntries taken;
-  OnQueue(DispatchQueue::kRunChangesState, [&] { taken.swap(entries_); });
+HashTable Hash::TakeEntries() {
+  HashTable taken;
+  SwapEntries(taken);
   return taken;
 }
 
@@ -131,12 +143,12 @@ std::error_code Hash::Lookup(const char* key, std::shared_ptr<IValue>* out) cons
   std::shared_ptr<IValue> found;
   std::error_code result = kFailure;
   OnQueue(DispatchQueue::kRunNoFlags, [&] {
-    auto slot = entries_.find(key);
-    if (slot == entries_.end()) {
+    const HashTable::Slot slot = entries_.LowerBound(key);
+    if (!entries_.Holds(slot, key)) {
       result = kNotFound;
       return;
     }
-    if (out != nullptr) found = slot->second;
+    if (out != nullptr) found = entries_.At(slot).second;
     result = kSuccess;
   });
   // Whatever `out` held before is released off the queue.
@@ -161,13 +173,10 @@ std::error_code Hash::Contains(const char* key) const {
 }
 
 std::error_code Hash::Erase(const char* key) {
-  HashEntries::node_type removed;
+  HashTable::Entry removed;
   std::error_code result = kFailure;
-  OnQueue(DispatchQueue::kRunChangesState, [&] {
-    auto slot = entries_.find(key);
-    if (slot != entries_.end()) removed = entries_.extract(slot);
-    result = removed ? kSuccess : kNotFound;
-  });
+  OnQueue(DispatchQueue::kRunChangesState,
+          [&] { result = entries_.Erase(key, removed) ? kSuccess : kNotFound; });
   return result;
 }
 
@@ -180,15 +189,18 @@ std::error_code Hash::Delete(const char* key) {
 }
 
 void Hash::RemoveAll() {
-  HashEntries removed;
-  OnQueue(DispatchQueue::kRunChangesState, [&] { removed.swap(entries_); });
+  HashTable removed;
+  SwapEntries(removed);
 }
 
 HashSnapshot Hash::Snapshot() const {
   HashSnapshot entries;
   OnQueue(DispatchQueue::kRunNoFlags, [&] {
-    entries.reserve(entries_.size());
-    for (const auto& entry : entries_) entries.emplace_back(entry);
+    entries.reserve(entries_.Size());
+    entries_.VisitInOrder([&](const HashTable::Entry& entry) {
+      entries.push_back(entry);
+      return true;
+    });
   });
   return entries;
 }
@@ -205,39 +217,40 @@ std::error_code Hash::Iterate(const HashIterateFunction& function) const {
 
 size_t Hash::GetCount() const {
   size_t count = 0;
-  OnQueue(DispatchQueue::kRunNoFlags, [&] { count = entries_.size(); });
+  OnQueue(DispatchQueue::kRunNoFlags, [&] { count = entries_.Size(); });
   return count;
 }
 
-std::error_code Hash::CopyEntriesTo(HashEntries& out) const {
+std::error_code Hash::CopyEntriesTo(HashTable& out) const {
   NestingGuard guard;
   if (!guard.Within()) return kOperationRefused;
-  // Copying the tree as it stands compares no keys; the queue is held only for
-  // that. The copy is private, so its values are then cloned off the queue.
+  // Copying the table as it stands compares no keys; the queue is held only
+  // for that. The copy is private, so its values are then cloned off the queue.
   if (!OnQueue(DispatchQueue::kRunNoFlags, [&] { out = entries_; })) return kFailure;
   std::error_code result = kSuccess;
-  for (auto slot = out.begin(); Succeeded(result) && slot != out.end(); ++slot) {
+  out.VisitInOrder([&](HashTable::Entry& entry) {
     std::shared_ptr<IValue> clone;
-    result = slot->second->Clone(clone);
-    if (Succeeded(result)) slot->second = std::move(clone);
-  }
+    result = entry.second->Clone(clone);
+    if (Succeeded(result)) entry.second = std::move(clone);
+    return Succeeded(result);
+  });
   return result;
 }
 
-std::error_code Hash::CopyEntriesOf(const IHash& source, HashEntries& out) {
+std::error_code Hash::CopyEntriesOf(const IHash& source, HashTable& out) {
   if (auto* hash = dynamic_cast<const Hash*>(&source)) return hash->CopyEntriesTo(out);
   std::error_code result = kSuccess;
   std::error_code walked = source.Iterate([&](const auto& key, const auto& value, bool& stop) {
     std::shared_ptr<IValue> clone;
     result = value->Clone(clone);
-    if (Succeeded(result)) out.emplace_hint(out.end(), key, std::move(clone));
+    if (Succeeded(result)) out.Add({key, std::move(clone)});
     stop = !Succeeded(result);
   });
   return Succeeded(walked) ? result : walked;
 }
 
 std::error_code Hash::Clone(std::shared_ptr<IValue>& out) const {
-  HashEntries copy;
+  HashTable copy;
   std::error_code result = CopyEntriesTo(copy);
   if (!Succeeded(result)) return result;
   return MakeValue<Hash>(out, std::move(copy));

@@ -7,14 +7,15 @@
 
 #include "qelss/platform/Dispatch.h"
 #include "qelss/values/IHash.h"
+#include "values/HashTable.h"
 #include "values/Value.h"
 
 namespace QelSS {
 
 // The entries of a hash as they were at one moment, in key order.
-using HashSnapshot = std::vector<std::pair<std::shared_ptr<IString>, std::shared_ptr<IValue>>>;
+using HashSnapshot = std::vector<HashTable::Entry>;
 
-// The dictionary value. Its entries live in an ordered map guarded by the
+// The dictionary value. Its entries live in an ordered table guarded by the
 // hash's own serial queue (see ContainerSupport.h for the lock discipline).
 //
 // Keys are immutable strings, so copies share them; values are cloned. A
@@ -29,8 +30,8 @@ class Hash final : public IHash, public Value {
   Hash();
   // Converts a platform dictionary (xpc_object_t), nested containers included.
   explicit Hash(void* object);
-  // Adopts `entries` as they are: the caller hands over a map nobody else sees.
-  explicit Hash(HashEntries&& entries);
+  // Adopts `entries` as they are: the caller hands over a table nobody else sees.
+  explicit Hash(HashTable&& entries);
   Hash(const Hash&) = delete;
   ~Hash() override;
 
@@ -76,16 +77,19 @@ class Hash final : public IHash, public Value {
 
   // Deep copy of the entries into `out`, which must be empty; on failure it
   // holds a partial copy.
-  std::error_code CopyEntriesTo(HashEntries& out) const;
+  std::error_code CopyEntriesTo(HashTable& out) const;
   // The same for any hash, through the fast path when it is a Hash.
-  static std::error_code CopyEntriesOf(const IHash& source, HashEntries& out);
+  static std::error_code CopyEntriesOf(const IHash& source, HashTable& out);
   // Empties this hash and hands its entries over.
-  HashEntries TakeEntries();
+  HashTable TakeEntries();
+  // Replaces the entries with `entries` (left holding the old ones, for the
+  // caller to release off the queue).
+  void SwapEntries(HashTable& entries);
   std::error_code Lookup(const char* key, std::shared_ptr<IValue>* out) const;
   std::error_code Erase(const char* key);
 
   // Protected by queue_.
-  HashEntries entries_;
+  HashTable entries_;
   // Constant after construction.
   std::shared_ptr<DispatchQueue::IQueue> queue_;
 };

@@ -21,12 +21,7 @@ Null::Null(void* object) : Value(kValueTypeNull), object_(static_cast<xpc_object
 }
 
 Null::Null(const Null& other)
-    : IValue(other),
-      IValueInternal(other),
-      IValueSerialize(other),
-      INull(other),
-      Value(other),
-      object_(xpc_copy(other.object_.Get()), false) {
+    : IValue(other), INull(other), Value(other), object_(xpc_copy(other.object_.Get()), false) {
   if (!object_) throw DataTypeException(kAllocationFailed, "Null: failed to init");
 }
 

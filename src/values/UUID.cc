@@ -33,12 +33,7 @@ UUID::UUID(void* object) : Value(kValueTypeUUID), object_(static_cast<xpc_object
 }
 
 UUID::UUID(const UUID& other)
-    : IValue(other),
-      IValueInternal(other),
-      IValueSerialize(other),
-      IUUID(other),
-      Value(other),
-      object_(xpc_copy(other.object_.Get()), false) {
+    : IValue(other), IUUID(other), Value(other), object_(xpc_copy(other.object_.Get()), false) {
   if (!object_) throw DataTypeException(kAllocationFailed, kInvalidTypeMessage);
 }
 

@@ -18,7 +18,17 @@ namespace QelSS {
 // fill whatever the class leaves out. Every default operation answers
 // kNotImplemented, except the tag, the tag-only equality and the unindented
 // description.
-class Value : public virtual IValue, public virtual IValueInternal, public virtual IValueSerialize {
+//
+// Layout. Every value pays for one vtable pointer per polymorphic base that
+// cannot share one, and a settings tree holds millions of values. The concrete
+// class's interface shares its pointer with IValue (IValue is that interface's
+// primary base); IValueInternal comes first here so that Value shares its
+// pointer; IValueSerialize needs its own. Only IValue is inherited virtually:
+// the companions are reached from it by dynamic_cast all the same, and making
+// them virtual would cost Value a pointer of its own. The tag then lies in the
+// padding after IValueSerialize's pointer, where a derived class may put small
+// fields of its own.
+class Value : public IValueInternal, public IValueSerialize, public virtual IValue {
  public:
   explicit Value(uint32_t type) noexcept : type_(type) {}
 
@@ -36,16 +46,21 @@ class Value : public virtual IValue, public virtual IValueInternal, public virtu
   const uint32_t type_;
 };
 
+// `other` as this very class, or NULL. Equality runs often (hash merges, array
+// searches), and the usual case, another object of the same class, is answered
+// without the cross-casts through virtual bases.
+template <typename Concrete>
+const Concrete* SameClass(const Concrete&, const IValue& other) {
+  if (typeid(other) != typeid(Concrete)) return nullptr;
+  return static_cast<const Concrete*>(dynamic_cast<const void*>(&other));
+}
+
 // The platform object of `other` when it has the tag of `self` and implements
-// the interface I; NULL otherwise. Equality runs often (hash merges, array
-// searches), and the usual case, another object of the very same class, is
-// answered without the cross-casts through virtual bases.
+// the interface I; NULL otherwise.
 template <typename I, typename Concrete>
 xpc_object_t PlatformObjectOfSameKind(const Concrete& self, const IValue& other) {
   if (other.GetType() != self.GetType()) return nullptr;
-  if (typeid(other) == typeid(Concrete)) {
-    return static_cast<const Concrete*>(dynamic_cast<const void*>(&other))->GetXPCObject();
-  }
+  if (const Concrete* same = SameClass(self, other)) return same->GetXPCObject();
   if (dynamic_cast<const I*>(&other) == nullptr) return nullptr;
   auto* internal = dynamic_cast<const IValueInternal*>(&other);
   return internal != nullptr ? internal->GetXPCObject() : nullptr;

@@ -249,6 +249,7 @@ TEST(Clone, MakesAnIndependentValueOfTheSameClass) {
   std::vector<std::shared_ptr<IValue>> values = {MakeNull(), MakeNumber(-1LL), MakeNumber(0.5),
                                                  MakeString("text")};
   for (const auto& value : values) {
+    const xpc_object_t payload = PlatformObject(value);
     std::shared_ptr<IValue> clone;
     ASSERT_EQ(value->Clone(clone), make_error_code(kSuccess));
     ASSERT_NE(clone, nullptr);
@@ -257,7 +258,7 @@ TEST(Clone, MakesAnIndependentValueOfTheSameClass) {
     EXPECT_EQ(typeid(*clone), typeid(*value));
     EXPECT_EQ(Describe(*clone), Describe(*value));
     // Immutable payloads are shared, not copied.
-    EXPECT_EQ(PlatformObject(clone), PlatformObject(value));
+    EXPECT_EQ(PlatformObject(clone), payload);
   }
   // The clone outlives its original.
   std::shared_ptr<IValue> clone;

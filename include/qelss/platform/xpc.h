@@ -11,7 +11,9 @@
 // holds it lives and, for a container element, while the container keeps it.
 //
 // Kinds. Null, bool, int64, uint64, double, string, data, date and UUID objects
-// are immutable. Arrays and dictionaries are mutable containers with an internal
+// are immutable. Most numbers and dates cost no allocation: the object pointer
+// itself carries the value, so two objects of one such value may be the same
+// pointer. Never look behind an xpc_object_t; compare objects with xpc_equal. Arrays and dictionaries are mutable containers with an internal
 // lock: any number of threads may read and change one container at once.
 // Reference counts are atomic, so any object may be retained and released from
 // any thread. A container must never hold itself, directly or through another

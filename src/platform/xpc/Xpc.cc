@@ -26,6 +26,11 @@ constinit _xpc_object_s _xpc_error_connection_interrupted{XPC_TYPE_ERROR, true};
 namespace QelSS::xpc {
 namespace {
 
+// Indexed by TaggedKind.
+constexpr xpc_type_t kTaggedTypes[] = {XPC_TYPE_INT64, XPC_TYPE_UINT64, XPC_TYPE_DOUBLE,
+                                       XPC_TYPE_DATE};
+
+// Heap objects only.
 void Destroy(xpc_object_t object) noexcept {
   switch (object->type->kind) {
     case Kind::kInt64:
@@ -125,19 +130,23 @@ const char* ErrorDescription(xpc_object_t error) noexcept {
 using namespace QelSS::xpc;
 
 xpc_object_t xpc_retain(xpc_object_t object) noexcept {
-  if (object != nullptr && !object->immortal) object->refs.fetch_add(1, std::memory_order_relaxed);
+  if (object != nullptr && !IsTagged(object) && !object->immortal) {
+    object->refs.fetch_add(1, std::memory_order_relaxed);
+  }
   return object;
 }
 
 void xpc_release(xpc_object_t object) noexcept {
-  if (object == nullptr || object->immortal) return;
+  if (object == nullptr || IsTagged(object) || object->immortal) return;
   // acq_rel: the thread that frees must see every write made through the other
   // references before they were dropped.
   if (object->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) Destroy(object);
 }
 
 xpc_type_t xpc_get_type(xpc_object_t object) noexcept {
-  return object != nullptr ? object->type : nullptr;
+  if (object == nullptr) return nullptr;
+  if (IsTagged(object)) return kTaggedTypes[static_cast<size_t>(TaggedKindOf(object))];
+  return object->type;
 }
 
 const char* xpc_type_get_name(xpc_type_t type) noexcept {
@@ -145,7 +154,7 @@ const char* xpc_type_get_name(xpc_type_t type) noexcept {
 }
 
 xpc_object_t xpc_copy(xpc_object_t object) noexcept {
-  if (object == nullptr) return nullptr;
+  if (object == nullptr || IsTagged(object)) return object;
   switch (object->type->kind) {
     case Kind::kArray:
       return CopyArray(*static_cast<Array*>(object));
@@ -158,21 +167,28 @@ xpc_object_t xpc_copy(xpc_object_t object) noexcept {
 
 bool xpc_equal(xpc_object_t a, xpc_object_t b) noexcept {
   if (a == nullptr || b == nullptr) return a == b;
-  if (a->type != b->type) return false;
-  // Doubles first: an object is not equal to itself when it holds NaN.
-  if (a->type == XPC_TYPE_DOUBLE)
-    return static_cast<Double*>(a)->value == static_cast<Double*>(b)->value;
+  const xpc_type_t type = xpc_get_type(a);
+  if (type != xpc_get_type(b)) return false;
+  // Numbers and dates compare by value, never by pointer: either side may be a
+  // tagged word. Doubles come first: an object holding NaN is not equal even to
+  // itself.
+  switch (type->kind) {
+    case Kind::kInt64:
+    case Kind::kDate:
+      return SignedValueOf(a) == SignedValueOf(b);
+    case Kind::kUInt64:
+      return UnsignedValueOf(a) == UnsignedValueOf(b);
+    case Kind::kDouble:
+      return DoubleValueOf(a) == DoubleValueOf(b);
+    default:
+      break;
+  }
   if (a == b) return true;
-  switch (a->type->kind) {
+  switch (type->kind) {
     case Kind::kNull:
       return true;
     case Kind::kBool:
       return static_cast<Bool*>(a)->value == static_cast<Bool*>(b)->value;
-    case Kind::kInt64:
-    case Kind::kDate:
-      return static_cast<Int64*>(a)->value == static_cast<Int64*>(b)->value;
-    case Kind::kUInt64:
-      return static_cast<UInt64*>(a)->value == static_cast<UInt64*>(b)->value;
     case Kind::kString:
     case Kind::kData:
       return TextOf(a) == TextOf(b);
@@ -182,44 +198,48 @@ bool xpc_equal(xpc_object_t a, xpc_object_t b) noexcept {
       return EqualArrays(*static_cast<Array*>(a), *static_cast<Array*>(b));
     case Kind::kDictionary:
       return EqualDictionaries(*static_cast<Dictionary*>(a), *static_cast<Dictionary*>(b));
+    case Kind::kInt64:
+    case Kind::kUInt64:
     case Kind::kDouble:
+    case Kind::kDate:
     case Kind::kError:
-      return false;  // doubles are handled above; error objects are equal only to themselves
+      return false;  // numbers are handled above; error objects are equal only to themselves
   }
   return false;
 }
 
 size_t xpc_hash(xpc_object_t object) noexcept {
   if (object == nullptr) return 0;
-  const size_t kind = static_cast<size_t>(object->type->kind);
-  switch (object->type->kind) {
+  const Kind kind = xpc_get_type(object)->kind;
+  const size_t seed = static_cast<size_t>(kind);
+  switch (kind) {
     case Kind::kNull:
-      return Combine(kind, 0);
+      return Combine(seed, 0);
     case Kind::kBool:
-      return Combine(kind, static_cast<Bool*>(object)->value);
+      return Combine(seed, static_cast<Bool*>(object)->value);
     case Kind::kInt64:
     case Kind::kDate:
-      return Combine(kind, std::hash<int64_t>{}(static_cast<Int64*>(object)->value));
+      return Combine(seed, std::hash<int64_t>{}(SignedValueOf(object)));
     case Kind::kUInt64:
-      return Combine(kind, std::hash<uint64_t>{}(static_cast<UInt64*>(object)->value));
+      return Combine(seed, std::hash<uint64_t>{}(UnsignedValueOf(object)));
     case Kind::kDouble: {
-      double value = static_cast<Double*>(object)->value;
-      return Combine(kind, std::hash<double>{}(value == 0.0 ? 0.0 : value));  // -0.0 equals 0.0
+      double value = DoubleValueOf(object);
+      return Combine(seed, std::hash<double>{}(value == 0.0 ? 0.0 : value));  // -0.0 equals 0.0
     }
     case Kind::kString:
     case Kind::kData:
-      return Combine(kind, std::hash<std::string_view>{}(TextOf(object)));
+      return Combine(seed, std::hash<std::string_view>{}(TextOf(object)));
     case Kind::kUuid: {
       auto* uuid = static_cast<Uuid*>(object);
-      return Combine(kind, std::hash<std::string_view>{}(
+      return Combine(seed, std::hash<std::string_view>{}(
                                {reinterpret_cast<const char*>(uuid->bytes), sizeof uuid->bytes}));
     }
     case Kind::kArray:
-      return Combine(kind, HashArray(*static_cast<Array*>(object)));
+      return Combine(seed, HashArray(*static_cast<Array*>(object)));
     case Kind::kDictionary:
-      return Combine(kind, HashDictionary(*static_cast<Dictionary*>(object)));
+      return Combine(seed, HashDictionary(*static_cast<Dictionary*>(object)));
     case Kind::kError:
-      return Combine(kind, reinterpret_cast<uintptr_t>(object));
+      return Combine(seed, reinterpret_cast<uintptr_t>(object));
   }
-  return kind;
+  return seed;
 }

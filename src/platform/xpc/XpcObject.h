@@ -4,7 +4,9 @@
 // header; the kind's payload follows. Strings and data keep their bytes in the
 // same allocation, right after the header struct, so a scalar costs one
 // allocation. Immortal objects (null, true, false, the error objects) live in
-// static storage and ignore reference counting.
+// static storage and ignore reference counting. Small numbers and dates are
+// not objects at all but tagged words (XpcTagged.h): nothing here may read the
+// header of an xpc_object_t before IsTagged has said no; As() does that check.
 
 #include <atomic>
 #include <cstdint>
@@ -13,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/xpc/XpcTagged.h"
 #include "qelss/platform/xpc.h"
 
 namespace QelSS::xpc {
@@ -85,9 +88,30 @@ struct Dictionary : _xpc_object_s {
   std::map<std::string, xpc_object_t, std::less<>> entries;  // values hold one reference
 };
 
+// The heap object behind `object` when it is one of `kind`; NULL for NULL, for
+// another kind and for a tagged word.
 template <typename T>
 T* As(xpc_object_t object, xpc_type_t kind) noexcept {
-  return object != nullptr && object->type == kind ? static_cast<T*>(object) : nullptr;
+  return object != nullptr && !IsTagged(object) && object->type == kind ? static_cast<T*>(object)
+                                                                        : nullptr;
+}
+
+// The value of a number or date, tagged or on the heap. The caller has checked
+// the kind: int64 and date for the first, uint64 and double for the others.
+// Inline: equality and the getters of every number go through them.
+inline int64_t SignedValueOf(xpc_object_t object) noexcept {
+  if (IsTagged(object)) {
+    return TaggedKindOf(object) == TaggedKind::kDate ? UntagDate(object) : UntagInt64(object);
+  }
+  return static_cast<Int64*>(object)->value;
+}
+
+inline uint64_t UnsignedValueOf(xpc_object_t object) noexcept {
+  return IsTagged(object) ? UntagUInt64(object) : static_cast<UInt64*>(object)->value;
+}
+
+inline double DoubleValueOf(xpc_object_t object) noexcept {
+  return IsTagged(object) ? UntagDouble(object) : static_cast<Double*>(object)->value;
 }
 
 // Referenced elements of a container taken under its lock, so that the caller

@@ -35,30 +35,30 @@ bool xpc_bool_get_value(xpc_object_t xbool) noexcept {
 }
 
 xpc_object_t xpc_int64_create(int64_t value) noexcept {
+  if (xpc_object_t tagged = TagInt64(value)) return tagged;
   return new (std::nothrow) Int64(XPC_TYPE_INT64, value);
 }
 
 int64_t xpc_int64_get_value(xpc_object_t xint) noexcept {
-  auto* object = As<Int64>(xint, XPC_TYPE_INT64);
-  return object != nullptr ? object->value : 0;
+  return xpc_get_type(xint) == XPC_TYPE_INT64 ? SignedValueOf(xint) : 0;
 }
 
 xpc_object_t xpc_uint64_create(uint64_t value) noexcept {
+  if (xpc_object_t tagged = TagUInt64(value)) return tagged;
   return new (std::nothrow) UInt64(XPC_TYPE_UINT64, value);
 }
 
 uint64_t xpc_uint64_get_value(xpc_object_t xuint) noexcept {
-  auto* object = As<UInt64>(xuint, XPC_TYPE_UINT64);
-  return object != nullptr ? object->value : 0;
+  return xpc_get_type(xuint) == XPC_TYPE_UINT64 ? UnsignedValueOf(xuint) : 0;
 }
 
 xpc_object_t xpc_double_create(double value) noexcept {
+  if (xpc_object_t tagged = TagDouble(value)) return tagged;
   return new (std::nothrow) Double(XPC_TYPE_DOUBLE, value);
 }
 
 double xpc_double_get_value(xpc_object_t xdouble) noexcept {
-  auto* object = As<Double>(xdouble, XPC_TYPE_DOUBLE);
-  return object != nullptr ? object->value : 0.0;
+  return xpc_get_type(xdouble) == XPC_TYPE_DOUBLE ? DoubleValueOf(xdouble) : 0.0;
 }
 
 xpc_object_t xpc_string_create(const char* string) noexcept {
@@ -92,6 +92,7 @@ size_t xpc_data_get_length(xpc_object_t xdata) noexcept {
 }
 
 xpc_object_t xpc_date_create(int64_t interval) noexcept {
+  if (xpc_object_t tagged = TagDate(interval)) return tagged;
   return new (std::nothrow) Date(XPC_TYPE_DATE, interval);
 }
 
@@ -102,8 +103,7 @@ xpc_object_t xpc_date_create_from_current() noexcept {
 }
 
 int64_t xpc_date_get_value(xpc_object_t xdate) noexcept {
-  auto* object = As<Date>(xdate, XPC_TYPE_DATE);
-  return object != nullptr ? object->value : 0;
+  return xpc_get_type(xdate) == XPC_TYPE_DATE ? SignedValueOf(xdate) : 0;
 }
 
 xpc_object_t xpc_uuid_create(const unsigned char* uuid) noexcept {

@@ -1,0 +1,131 @@
+#include "values/HashTable.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <new>
+
+namespace QelSS {
+namespace {
+
+bool KeyLess(const HashTable::Entry& entry, const char* key) {
+  return std::strcmp(entry.first->GetCString(), key) < 0;
+}
+
+}  // namespace
+
+HashTable::HashTable(HashEntries&& entries) {
+  // Node by node: the map's nodes hand over their keys without touching the
+  // reference counts and are freed as the table grows.
+  while (!entries.empty()) {
+    auto node = entries.extract(entries.begin());
+    InsertAt(End(), {std::move(node.key()), std::move(node.mapped())});
+  }
+}
+
+HashTable::Slot HashTable::End() const noexcept {
+  if (leaves_.empty()) return {};
+  return {leaves_.size() - 1, leaves_.back().size()};
+}
+
+HashTable::Slot HashTable::LowerBound(const char* key) const {
+  auto leaf = std::partition_point(leaves_.begin(), leaves_.end(), [key](const Leaf& candidate) {
+    return KeyLess(candidate.back(), key);
+  });
+  if (leaf == leaves_.end()) return End();
+  auto entry = std::lower_bound(leaf->begin(), leaf->end(), key, KeyLess);
+  return {static_cast<size_t>(leaf - leaves_.begin()), static_cast<size_t>(entry - leaf->begin())};
+}
+
+bool HashTable::Add(Entry&& entry) {
+  const char* key = entry.first->GetCString();
+  Slot slot = End();
+  if (!leaves_.empty() && !KeyLess(leaves_.back().back(), key)) {
+    slot = LowerBound(key);
+    if (Holds(slot, key)) return false;
+  }
+  InsertAt(slot, std::move(entry));
+  return true;
+}
+
+bool HashTable::Holds(const Slot& slot, const char* key) const {
+  return slot.leaf < leaves_.size() && slot.index < leaves_[slot.leaf].size() &&
+         std::strcmp(leaves_[slot.leaf][slot.index].first->GetCString(), key) == 0;
+}
+
+void HashTable::InsertAt(const Slot& slot, Entry&& entry) {
+  const bool pastFullLastLeaf =
+      !leaves_.empty() && slot.leaf + 1 == leaves_.size() && slot.index == kLeafCapacity;
+  if (leaves_.empty() || pastFullLastLeaf) {
+    // A new last leaf instead of a split, so that a table filled in key order
+    // is left with full leaves.
+    Leaf fresh;
+    fresh.push_back(std::move(entry));
+    leaves_.push_back(std::move(fresh));
+  } else {
+    const Slot target = leaves_[slot.leaf].size() < kLeafCapacity ? slot : SplitFor(slot);
+    Leaf& leaf = leaves_[target.leaf];
+    leaf.insert(leaf.begin() + static_cast<std::ptrdiff_t>(target.index), std::move(entry));
+  }
+  ++size_;
+}
+
+HashTable::Slot HashTable::SplitFor(const Slot& slot) {
+  // Room first: once entries have moved to the new leaf, nothing may fail
+  // before it is in the index.
+  leaves_.reserve(leaves_.size() + 1);
+  Leaf& full = leaves_[slot.leaf];
+  const auto half = static_cast<std::ptrdiff_t>(full.size() / 2);
+  Leaf upper(std::make_move_iterator(full.begin() + half), std::make_move_iterator(full.end()));
+  full.erase(full.begin() + half, full.end());
+  leaves_.insert(leaves_.begin() + static_cast<std::ptrdiff_t>(slot.leaf) + 1, std::move(upper));
+  if (slot.index <= static_cast<size_t>(half)) return slot;
+  return {slot.leaf + 1, slot.index - static_cast<size_t>(half)};
+}
+
+bool HashTable::Erase(const char* key, Entry& removed) {
+  const Slot slot = LowerBound(key);
+  if (!Holds(slot, key)) return false;
+  Leaf& leaf = leaves_[slot.leaf];
+  removed = std::move(leaf[slot.index]);
+  leaf.erase(leaf.begin() + static_cast<std::ptrdiff_t>(slot.index));
+  --size_;
+  AfterErase(slot.leaf);
+  return true;
+}
+
+void HashTable::AfterErase(size_t index) {
+  Leaf& leaf = leaves_[index];
+  if (leaf.empty()) {
+    leaves_.erase(leaves_.begin() + static_cast<std::ptrdiff_t>(index));
+    if (leaves_.size() * 4 < leaves_.capacity()) leaves_.shrink_to_fit();
+    return;
+  }
+  if (leaf.size() > kLeafCapacity / 4) return;
+  if (index + 1 < leaves_.size() && FitInOne(index)) {
+    Join(index);
+  } else if (index > 0 && FitInOne(index - 1)) {
+    Join(index - 1);
+  } else if (leaf.size() * 4 <= leaf.capacity()) {
+    leaf.shrink_to_fit();
+  }
+}
+
+bool HashTable::FitInOne(size_t left) const noexcept {
+  return leaves_[left].size() + leaves_[left + 1].size() <= kLeafCapacity;
+}
+
+void HashTable::Join(size_t left) noexcept {
+  // Joining may need memory. Without it the table stays as it is, which is
+  // still valid: the leaf is only sparse.
+  try {
+    Leaf& into = leaves_[left];
+    Leaf& from = leaves_[left + 1];
+    into.insert(into.end(), std::make_move_iterator(from.begin()),
+                std::make_move_iterator(from.end()));
+    leaves_.erase(leaves_.begin() + static_cast<std::ptrdiff_t>(left) + 1);
+  } catch (const std::bad_alloc&) {
+  }
+}
+
+}  // namespace QelSS

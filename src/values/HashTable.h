@@ -1,0 +1,131 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "qelss/values/IHash.h"
+#include "qelss/values/IString.h"
+#include "qelss/values/IValue.h"
+
+namespace QelSS {
+
+// The storage of a hash: entries ordered by the bytes of their keys (strcmp),
+// unique by key text.
+//
+// A red-black tree node per entry costs 80 bytes on the heap for 32 bytes of
+// pointers, and a domain's tree is deep-copied by every transaction. Here the
+// entries sit in sorted leaves of at most kLeafCapacity, and the leaves in key
+// order in one index: a lookup is a binary search over the leaves' last keys
+// and then within one leaf; an insertion shifts at most one leaf and splits it
+// when full; a copy is one allocation per leaf. Filled in key order (copies,
+// loads, platform dictionaries) the leaves are full, about 33 bytes an entry;
+// filled at random they are two-thirds full on average.
+//
+// Not thread-safe: the hash that owns it runs every access on its queue.
+class HashTable {
+ public:
+  using Entry = std::pair<std::shared_ptr<IString>, std::shared_ptr<IValue>>;
+
+  // Where a key is or would go. Any change to the table invalidates it.
+  struct Slot {
+    size_t leaf = 0;
+    size_t index = 0;
+  };
+
+  static constexpr size_t kLeafCapacity = 64;
+
+  HashTable() = default;
+  // Takes the entries of `entries`, leaving it empty.
+  explicit HashTable(HashEntries&& entries);
+  // A copy allocates each leaf at its exact size.
+  HashTable(const HashTable&) = default;
+  HashTable& operator=(const HashTable&) = default;
+  // Moves leave the source empty.
+  HashTable(HashTable&& other) noexcept
+      : leaves_(std::move(other.leaves_)), size_(std::exchange(other.size_, 0)) {
+    other.leaves_.clear();
+  }
+  HashTable& operator=(HashTable&& other) noexcept {
+    leaves_ = std::move(other.leaves_);
+    other.leaves_.clear();
+    size_ = std::exchange(other.size_, 0);
+    return *this;
+  }
+
+  size_t Size() const noexcept { return size_; }
+  bool Empty() const noexcept { return size_ == 0; }
+
+  // The first entry whose key is not less than `key`.
+  Slot LowerBound(const char* key) const;
+  // True when `slot` holds an entry with exactly the text `key`.
+  bool Holds(const Slot& slot, const char* key) const;
+  Entry& At(const Slot& slot) { return leaves_[slot.leaf][slot.index]; }
+  const Entry& At(const Slot& slot) const { return leaves_[slot.leaf][slot.index]; }
+
+  // Puts a new entry at `slot`, which LowerBound gave for the entry's key.
+  void InsertAt(const Slot& slot, Entry&& entry);
+  // Adds `entry` unless its key's text is held already (then it is dropped
+  // and the answer is false). Keys in ascending order, as copies and platform
+  // dictionaries give them, go straight to the end.
+  bool Add(Entry&& entry);
+
+  // Drops every entry for which `drop(entry)` is true.
+  template <typename Drop>
+  void RemoveIf(Drop&& drop) {
+    if (VisitInOrder([&](const Entry& entry) { return !drop(entry); })) return;
+    HashTable kept;
+    for (auto& leaf : leaves_) {
+      for (Entry& entry : leaf) {
+        if (!drop(entry)) kept.InsertAt(kept.End(), std::move(entry));
+      }
+    }
+    *this = std::move(kept);
+  }
+
+  // Removes the entry with the text `key` and hands it to `removed`, so that
+  // the caller can release it later. False when there is none.
+  bool Erase(const char* key, Entry& removed);
+
+  // Calls `visit(entry)` in key order while it answers true; false when it
+  // stopped the walk.
+  template <typename Visit>
+  bool VisitInOrder(Visit&& visit) const {
+    for (const auto& leaf : leaves_) {
+      for (const Entry& entry : leaf) {
+        if (!visit(entry)) return false;
+      }
+    }
+    return true;
+  }
+  template <typename Visit>
+  bool VisitInOrder(Visit&& visit) {
+    for (auto& leaf : leaves_) {
+      for (Entry& entry : leaf) {
+        if (!visit(entry)) return false;
+      }
+    }
+    return true;
+  }
+
+ private:
+  using Leaf = std::vector<Entry>;
+
+  Slot End() const noexcept;
+  // Makes room in the full leaf of `slot` and answers where the entry now goes.
+  Slot SplitFor(const Slot& slot);
+  // Joins a leaf that erasing left sparse with a neighbour, or frees it when
+  // empty, so that a table that shrinks gives its memory back.
+  void AfterErase(size_t leaf);
+  // Whether the leaves `left` and `left` + 1 fit in one, and joining them.
+  bool FitInOne(size_t left) const noexcept;
+  void Join(size_t left) noexcept;
+
+  // Every leaf is sorted and non-empty; the last key of each is less than the
+  // first key of the next.
+  std::vector<Leaf> leaves_;
+  size_t size_ = 0;
+};
+
+}  // namespace QelSS
