@@ -73,7 +73,9 @@ class ConfigurationsTest : public ::testing::Test {
     std::shared_ptr<OrxConfiguration> configuration;
     std::string name;
     EXPECT_EQ(domain.getConfigurationWithID(id, configuration), Code(kSuccess)) << id;
-    if (configuration) EXPECT_EQ(configuration->getName(name), Code(kSuccess)) << id;
+    if (configuration) {
+      EXPECT_EQ(configuration->getName(name), Code(kSuccess)) << id;
+    }
     return name;
   }
 
