@@ -5,7 +5,7 @@
 namespace QelSS {
 namespace {
 
-std::atomic<const ByteFormCodec*> gCodec{nullptr};
+constinit std::atomic<const ByteFormCodec*> gCodec{&kLibraryByteFormCodec};
 
 }  // namespace
 

@@ -3,8 +3,9 @@
 // The byte form of values (the XML text that domain files and predefined
 // domains carry) is written and read by the persistence layer, which sits above
 // the value model and builds on it. Values reach it only through this hook, so
-// that the value model never depends on persistence: persistence installs its
-// codec once, and Serialize / CreateFromBytes answer kNotImplemented until then.
+// that no value header or source includes persistence: persistence defines the
+// codec declared below, and Serialize / CreateFromBytes answer kNotImplemented
+// only while a test has removed it.
 
 #include <cstdint>
 #include <memory>
@@ -24,6 +25,13 @@ struct ByteFormCodec {
   // `value` is allowed: the bytes held nothing the reader could make a value of.
   std::error_code (*deserialize)(const std::vector<uint8_t>& bytes, std::shared_ptr<IValue>& value);
 };
+
+// The library's own codec. It is defined by the persistence layer and is the
+// installed codec from the start: the hook is constant-initialised with its
+// address, so no initialiser has to run first, and referring to it here makes
+// every program that serialises values also link the persistence code that
+// does it (a static link would otherwise leave that object file out).
+extern const ByteFormCodec kLibraryByteFormCodec;
 
 // Makes `codec` the one every later Serialize and CreateFromBytes uses; nullptr
 // removes it. The codec must stay valid while installed (keep it static). Safe

@@ -1,0 +1,325 @@
+#include "persistence/ByteFormReader.h"
+
+#include <cstring>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "persistence/ByteFormNames.h"
+#include "persistence/ByteFormReference.h"
+#include "persistence/ByteFormScalars.h"
+#include "persistence/ByteFormWriter.h"
+#include "persistence/CaughtException.h"
+#include "persistence/LibXml.h"
+#include "persistence/XmlEscape.h"
+#include "platform/report/Report.h"
+#include "qelss/values/ArrayFactory.h"
+#include "qelss/values/DateFactory.h"
+#include "qelss/values/ErrorCode.h"
+#include "qelss/values/HashFactory.h"
+#include "qelss/values/IData.h"
+#include "qelss/values/IDate.h"
+#include "qelss/values/INumber.h"
+#include "qelss/values/IString.h"
+#include "qelss/values/NumberFactory.h"
+
+namespace QelSS::byteform {
+namespace {
+
+using ValuePtr = std::shared_ptr<IValue>;
+
+constexpr uint32_t kTag = QelErrTag("QSSH");
+
+// Documents below this size cannot meet any of libxml2's limits (10,000,000
+// bytes for a text node, an attribute value, the parser's lookahead or its
+// dictionary); the margin absorbs what the size estimates might miss.
+constexpr size_t kLargestSafeRewrite = 9'000'000;
+
+const char* Name(const xmlNode* node) { return reinterpret_cast<const char*>(node->name); }
+
+const xmlNode* NextElement(const xmlNode* node) {
+  while (node != nullptr && node->type != XML_ELEMENT_NODE) node = node->next;
+  return node;
+}
+
+size_t ElementSize(std::string_view name, size_t contentSize) {
+  return 2 * name.size() + std::string_view("<></>").size() + contentSize;
+}
+
+// The size of the element convertXMLNodeToBytes makes of a scalar node.
+size_t RewriteSize(const xmlNode* node, const xmlChar* attribute, const xmlChar* content) {
+  size_t size = ElementSize(Name(node), EscapedTextSize(reinterpret_cast<const char*>(content)));
+  if (attribute != nullptr) {
+    size += std::string_view(" type=\"\"").size() +
+            EscapedAttributeSize(reinterpret_cast<const char*>(attribute));
+  }
+  return size;
+}
+
+bool Parses(const std::vector<uint8_t>& bytes) {
+  XmlDocument doc;
+  return Succeeded(ParseXml(bytes.data(), bytes.size(), doc));
+}
+
+bool SameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+// One direct child of a container, as its second reading would see it.
+struct Normalised {
+  ValuePtr value;
+  std::shared_ptr<IString> key;  // hashes only
+  unsigned int index = 0;        // arrays only
+  size_t written = 0;            // size of the child's byte form (the value's, for a hash)
+  std::error_code failure;       // what reading it again gives, if not success
+  ValuePtr replacement;          // the value it reads back as, when different
+};
+
+// A String or Data child of a container is rewritten a second time from the
+// text of its written element; for data that text has LF where the writer put
+// CR LF. The result is parsed to see whether libxml2 takes it.
+bool RewriteOfWrittenScalarParses(const ValuePtr& value) {
+  std::vector<uint8_t> rewrite;
+  if (auto* data = dynamic_cast<const IData*>(value.get())) {
+    const char* name = ElementNameOfType(kValueTypeData);
+    rewrite.insert(rewrite.end(), {'<'});
+    rewrite.insert(rewrite.end(), name, name + std::strlen(name));
+    rewrite.push_back('>');
+    AppendBase64Lines(data->GetBytes(), data->GetLength(), rewrite, "\n");
+    rewrite.insert(rewrite.end(), {'<', '/'});
+    rewrite.insert(rewrite.end(), name, name + std::strlen(name));
+    rewrite.push_back('>');
+  } else if (!Succeeded(AppendByteForm(value, rewrite))) {
+    return false;
+  }
+  return Parses(rewrite);
+}
+
+class Walk {
+ public:
+  std::error_code ReadRoot(const xmlNode* root, ValuePtr& out) {
+    const uint32_t type = TypeOfElementName(Name(root));
+    if (type != kValueTypeArray && type != kValueTypeHash) {
+      return ReadScalarElement(root, type, out);
+    }
+    return ReadContainer(root, type, out);
+  }
+
+ private:
+  std::error_code ReadContainer(const xmlNode* node, uint32_t type, ValuePtr& out) {
+    return type == kValueTypeArray ? ReadArray(node, out) : ReadHash(node, out);
+  }
+
+  std::error_code ReadArray(const xmlNode* node, ValuePtr& out) {
+    std::shared_ptr<IArray> array;
+    if (std::error_code code = ArrayFactory::Create(array); !Succeeded(code)) return code;
+    for (const xmlNode* child = NextElement(node->children); child != nullptr;
+         child = NextElement(child->next)) {
+      ValuePtr element;
+      if (std::error_code code = ReadChild(child, element); !Succeeded(code)) return code;
+      if (std::error_code code = array->Append(element); !Succeeded(code)) return code;
+    }
+    out = std::move(array);
+    return kSuccess;
+  }
+
+  // Key and value alternate; a key that is not a String ends the hash there,
+  // successfully, and a key with nothing after it is refused.
+  std::error_code ReadHash(const xmlNode* node, ValuePtr& out) {
+    std::shared_ptr<IHash> hash;
+    if (std::error_code code = HashFactory::Create(hash); !Succeeded(code)) return code;
+    for (const xmlNode* child = NextElement(node->children); child != nullptr;
+         child = NextElement(child->next)) {
+      ValuePtr key;
+      if (std::error_code code = ReadChild(child, key); !Succeeded(code)) return code;
+      if (!key || key->GetType() != kValueTypeString) break;
+      auto keyString = std::dynamic_pointer_cast<IString>(key);
+      if (!keyString) return kInvalidData;
+      child = NextElement(child->next);
+      if (child == nullptr) return kInvalidData;
+      ValuePtr value;
+      if (std::error_code code = ReadChild(child, value); !Succeeded(code)) return code;
+      if (std::error_code code = hash->Set(keyString, value); !Succeeded(code)) return code;
+    }
+    out = std::move(hash);
+    return kSuccess;
+  }
+
+  // What reading the child's rewrite gives. Exceptions are reported here, as
+  // the reference reader reports them from its reading of that rewrite.
+  std::error_code ReadChild(const xmlNode* child, ValuePtr& out) noexcept {
+    try {
+      return IsContainerName(Name(child)) ? ReadContainerChild(child, out)
+                                          : ReadScalarChild(child, out);
+    } catch (...) {
+      ReportCaughtException(1, kTag, "Read");
+      return kFailure;
+    }
+  }
+
+  std::error_code ReadScalarChild(const xmlNode* child, ValuePtr& out) {
+    XmlText attribute = FirstAttributeText(child);
+    XmlText content = NodeContent(child);
+    if (!content) return kSerializationError;
+    if (child->properties != nullptr && !attribute) return kSerializationError;
+    if (RewriteSize(child, attribute.get(), content.get()) >= kLargestSafeRewrite) {
+      std::vector<uint8_t> rewrite;
+      if (std::error_code code = convertXMLNodeToBytes(child, rewrite); !Succeeded(code)) {
+        return code;
+      }
+      if (!Parses(rewrite)) return kSerializationError;
+    }
+    const uint32_t type = TypeOfElementName(Name(child));
+    if (type == kValueTypeNumber && child->properties == nullptr) return kFailure;
+    return ScalarFromText(type, reinterpret_cast<const char*>(attribute.get()),
+                          reinterpret_cast<const char*>(content.get()), out);
+  }
+
+  // The reference reader reads the container, writes it, parses that and reads
+  // it again; the second reading fails only where normalising a direct scalar
+  // child fails, or where libxml2 refuses a large rewrite.
+  std::error_code ReadContainerChild(const xmlNode* child, ValuePtr& out) {
+    const uint32_t type = std::strcmp(Name(child), "Array") == 0 ? kValueTypeArray : kValueTypeHash;
+    ValuePtr container;
+    if (std::error_code code = ReadContainer(child, type, container); !Succeeded(code)) {
+      return code;
+    }
+    size_t written = ElementSize(ElementNameOfType(type), 0);
+    std::vector<Normalised> children = NormaliseChildren(container, written);
+    if (written >= kLargestSafeRewrite) {
+      std::vector<uint8_t> rewrite;
+      if (std::error_code code = AppendByteForm(container, rewrite); !Succeeded(code)) return code;
+      if (!Parses(rewrite)) return kSerializationError;
+    }
+    for (const Normalised& normalised : children) {
+      if (normalised.written >= kLargestSafeRewrite &&
+          !RewriteOfWrittenScalarParses(normalised.value)) {
+        return kSerializationError;
+      }
+      if (!Succeeded(normalised.failure)) return normalised.failure;
+    }
+    if (std::error_code code = Replace(container, children); !Succeeded(code)) return code;
+    writtenSizes_[container.get()] = written;
+    out = std::move(container);
+    return kSuccess;
+  }
+
+  // The direct children in the writer's order, with what reading them again
+  // gives; adds the children's written sizes to `written`.
+  std::vector<Normalised> NormaliseChildren(const ValuePtr& container, size_t& written) {
+    std::vector<Normalised> children;
+    std::error_code walked = kSuccess;
+    if (auto array = std::dynamic_pointer_cast<IArray>(container)) {
+      children.reserve(array->GetCount());
+      walked = array->Iterate([&](const ValuePtr& element, unsigned int index, bool&) {
+        Normalised& child = children.emplace_back(Normalise(element));
+        child.index = index;
+        written += child.written;
+      });
+    } else if (auto hash = std::dynamic_pointer_cast<IHash>(container)) {
+      children.reserve(hash->GetCount());
+      walked =
+          hash->Iterate([&](const std::shared_ptr<IString>& key, const ValuePtr& value, bool&) {
+            Normalised& child = children.emplace_back(Normalise(value));
+            child.key = key;
+            written += ElementSize("String", EscapedTextSize(key->GetCString())) + child.written;
+          });
+    }
+    if (!Succeeded(walked)) {
+      Normalised failed;
+      failed.failure = walked;
+      children.push_back(std::move(failed));
+    }
+    return children;
+  }
+
+  static std::error_code Replace(const ValuePtr& container,
+                                 const std::vector<Normalised>& children) {
+    auto array = std::dynamic_pointer_cast<IArray>(container);
+    auto hash = std::dynamic_pointer_cast<IHash>(container);
+    for (const Normalised& child : children) {
+      if (!child.replacement) continue;
+      std::error_code code = array ? array->Set(child.index, child.replacement)
+                                   : hash->Set(child.key, child.replacement);
+      if (!Succeeded(code)) return code;
+    }
+    return kSuccess;
+  }
+
+  Normalised Normalise(const ValuePtr& value) {
+    Normalised child;
+    child.value = value;
+    child.failure = kSuccess;
+    switch (value->GetType()) {
+      case kValueTypeArray:
+      case kValueTypeHash:
+        // Read by this walk, and normalised then.
+        child.written = writtenSizes_.at(value.get());
+        break;
+      case kValueTypeNumber:
+        NormaliseNumber(dynamic_cast<const INumber&>(*value), child);
+        break;
+      case kValueTypeDate:
+        NormaliseDate(dynamic_cast<const IDate&>(*value), child);
+        break;
+      case kValueTypeString:
+        child.written = ElementSize(
+            "String", EscapedTextSize(dynamic_cast<const IString&>(*value).GetCString()));
+        break;
+      case kValueTypeData:
+        child.written =
+            ElementSize("Data", Base64LinesSize(dynamic_cast<const IData&>(*value).GetLength()));
+        break;
+      case kValueTypeUUID:
+        child.written = ElementSize("UUID", 36);
+        break;
+      default:
+        child.written = std::string_view("<NULL/>").size();
+    }
+    return child;
+  }
+
+  // Only doubles change: the other kinds print and parse back exactly.
+  static void NormaliseNumber(const INumber& number, Normalised& child) {
+    NumberText text;
+    if (child.failure = FormatNumber(number, text); !Succeeded(child.failure)) return;
+    child.written = ElementSize("Number", std::string_view(" type=\"\"").size() +
+                                              std::strlen(text.kind) + std::strlen(text.digits));
+    double before = 0;
+    if (!Succeeded(number.GetDouble(before))) return;
+    const double after = std::stod(text.digits);
+    if (SameBits(before, after)) return;
+    std::shared_ptr<INumber> normalised;
+    child.failure = NumberFactory::Create(normalised, after);
+    child.replacement = std::move(normalised);
+  }
+
+  // Read dates hold whole seconds, so a date comes back equal, or not at all
+  // when it lies before 1970 (its time prints as a number no date can hold).
+  static void NormaliseDate(const IDate& date, Normalised& child) {
+    DateText text;
+    FormatDate(date, text);
+    child.written = ElementSize("Date", std::strlen(text.digits));
+    std::shared_ptr<IDate> again;
+    child.failure = DateFactory::Create(again, std::stol(text.digits, nullptr, 10));
+  }
+
+  // The written size of every container this walk has read and normalised.
+  std::unordered_map<const IValue*, size_t> writtenSizes_;
+};
+
+}  // namespace
+
+std::error_code ReadRootElement(const xmlNode* root, std::shared_ptr<IValue>& out) noexcept {
+  std::error_code result = kFailure;
+  try {
+    ValuePtr value;
+    std::error_code code = Walk().ReadRoot(root, value);
+    if (Succeeded(code)) out = std::move(value);
+    result = code;
+  } catch (...) {
+    ReportCaughtException(1, kTag, "Read");
+  }
+  return result;
+}
+
+}  // namespace QelSS::byteform

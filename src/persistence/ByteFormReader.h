@@ -1,0 +1,38 @@
+#pragma once
+
+// Reads a parsed byte form in one walk over libxml2's tree, with the results of
+// the reference reader (ByteFormReference.h), which writes every child of a
+// container back to bytes and parses it again.
+//
+// Why one walk gives the same results: rewriting a scalar child keeps its name,
+// its first attribute and its text, so reading the rewrite is reading the
+// child. Rewriting a container child writes the values read from it, so its
+// values come back as if written and read once more ("normalised": a double
+// keeps six decimals, a date before 1970 fails). Values inside it were
+// normalised when their own container was read, and normalising is idempotent,
+// so only a container's direct scalar children need it, in the order the
+// writer would visit them, after the container has been read.
+//
+// What the walk cannot take on trust is libxml2 accepting those rewrites:
+// a document of 10 MB or more can meet its size limits (and then it matters
+// where in the document a long text lies). The walk therefore adds up the size
+// of every rewrite the reference reader would parse, and really writes and
+// parses the few that come near that size, once each; the reference reader
+// parses them once per enclosing container, which doubles its work at every
+// level of nesting.
+
+#include <libxml/tree.h>
+
+#include <memory>
+#include <system_error>
+
+#include "qelss/values/IValue.h"
+
+namespace QelSS::byteform {
+
+// Reads the tree whose root element is `root`; results as ReadValueReference
+// gives for the document. Exceptions are reported ("QSSH") and give kFailure.
+[[nodiscard]] std::error_code ReadRootElement(const xmlNode* root,
+                                              std::shared_ptr<IValue>& out) noexcept;
+
+}  // namespace QelSS::byteform

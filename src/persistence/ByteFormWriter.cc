@@ -1,0 +1,203 @@
+#include "persistence/ByteFormWriter.h"
+
+#include <climits>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "persistence/ByteFormNames.h"
+#include "persistence/ByteFormScalars.h"
+#include "persistence/CaughtException.h"
+#include "persistence/XmlEscape.h"
+#include "platform/report/Report.h"
+#include "qelss/values/ErrorCode.h"
+#include "qelss/values/IArray.h"
+#include "qelss/values/IData.h"
+#include "qelss/values/IDate.h"
+#include "qelss/values/IHash.h"
+#include "qelss/values/INull.h"
+#include "qelss/values/INumber.h"
+#include "qelss/values/IString.h"
+#include "qelss/values/IUUID.h"
+
+namespace QelSS::byteform {
+namespace {
+
+constexpr uint32_t kTag = QelErrTag("QSSH");
+
+class DirectWriter {
+ public:
+  explicit DirectWriter(std::vector<uint8_t>& out) : out_(out) {}
+
+  // Each call stands for one call of the reference writer, which catches its own
+  // exceptions: a child that throws is a child that failed, not a failed tree.
+  std::error_code Write(const std::shared_ptr<IValue>& value) noexcept {
+    try {
+      return WriteValue(value);
+    } catch (...) {
+      ReportCaughtException(1, kTag, "Write");
+      return kFailure;
+    }
+  }
+
+ private:
+  void Put(std::string_view text) { out_.insert(out_.end(), text.begin(), text.end()); }
+
+  void StartTag(const char* name) {
+    Put("<");
+    Put(name);
+    Put(">");
+  }
+  void EndTag(const char* name) {
+    Put("</");
+    Put(name);
+    Put(">");
+  }
+
+  void TextElement(const char* name, std::string_view text) {
+    StartTag(name);
+    AppendEscapedText(text, out_);
+    EndTag(name);
+  }
+
+  std::error_code WriteNumber(const INumber& number, const char* name) {
+    NumberText text;
+    if (std::error_code code = FormatNumber(number, text); !Succeeded(code)) return code;
+    Put("<");
+    Put(name);
+    Put(" type=\"");
+    Put(text.kind);
+    Put("\">");
+    Put(text.digits);  // digits, signs, "nan", "inf": nothing to escape
+    EndTag(name);
+    return kSuccess;
+  }
+
+  std::error_code WriteData(const IData& data, const char* name) {
+    if (data.GetLength() > static_cast<size_t>(INT_MAX)) return kSerializationError;
+    StartTag(name);
+    AppendBase64Lines(data.GetBytes(), data.GetLength(), out_);
+    EndTag(name);
+    return kSuccess;
+  }
+
+  std::error_code WriteDate(const IDate& date, const char* name) {
+    DateText text;
+    FormatDate(date, text);
+    StartTag(name);
+    Put(text.digits);
+    EndTag(name);
+    return kSuccess;
+  }
+
+  std::error_code WriteUuid(const IUUID& uuid, const char* name) {
+    std::string text;
+    if (std::error_code code = uuid.GetString(text); !Succeeded(code)) return code;
+    TextElement(name, text);
+    return kSuccess;
+  }
+
+  std::error_code WriteArray(const IArray& array, const char* name) noexcept {
+    try {
+      StartTag(name);
+      std::error_code walked =
+          array.Iterate([&](const std::shared_ptr<IValue>& element, unsigned int, bool& stop) {
+            const size_t mark = out_.size();
+            if (!Succeeded(Write(element))) {
+              out_.resize(mark);
+              stop = true;
+            }
+          });
+      if (!Succeeded(walked)) return walked;
+      EndTag(name);
+      return kSuccess;
+    } catch (...) {
+      ReportCaughtException(1, kTag, "writeArraytoXML");
+      return kFailure;
+    }
+  }
+
+  std::error_code WriteHash(const IHash& hash, const char* name) noexcept {
+    try {
+      StartTag(name);
+      std::error_code walked = hash.Iterate([&](const std::shared_ptr<IString>& key,
+                                                const std::shared_ptr<IValue>& value, bool& stop) {
+        const size_t mark = out_.size();
+        if (!Succeeded(Write(key)) || !Succeeded(Write(value))) {
+          out_.resize(mark);
+          stop = true;
+        }
+      });
+      if (!Succeeded(walked)) return walked;
+      EndTag(name);
+      return kSuccess;
+    } catch (...) {
+      ReportCaughtException(1, kTag, "writeHashtoXML");
+      return kFailure;
+    }
+  }
+
+  std::error_code WriteValue(const std::shared_ptr<IValue>& value) {
+    if (!value) return kInvalidArgument;
+    const uint32_t type = value->GetType();
+    const IValue* raw = value.get();
+    switch (type) {
+      case kValueTypeNull:
+        if (dynamic_cast<const INull*>(raw) == nullptr) return kFailure;
+        // libxml2 closes an element without content in its short form.
+        Put("<");
+        Put(ElementNameOfType(type));
+        Put("/>");
+        return kSuccess;
+      case kValueTypeNumber:
+        if (auto* number = dynamic_cast<const INumber*>(raw)) {
+          return WriteNumber(*number, ElementNameOfType(type));
+        }
+        return kFailure;
+      case kValueTypeString:
+        if (auto* string = dynamic_cast<const IString*>(raw)) {
+          TextElement(ElementNameOfType(type), string->GetCString());
+          return kSuccess;
+        }
+        return kFailure;
+      case kValueTypeData:
+        if (auto* data = dynamic_cast<const IData*>(raw)) {
+          return WriteData(*data, ElementNameOfType(type));
+        }
+        return kFailure;
+      case kValueTypeDate:
+        if (auto* date = dynamic_cast<const IDate*>(raw)) {
+          return WriteDate(*date, ElementNameOfType(type));
+        }
+        return kFailure;
+      case kValueTypeUUID:
+        if (auto* uuid = dynamic_cast<const IUUID*>(raw)) {
+          return WriteUuid(*uuid, ElementNameOfType(type));
+        }
+        return kFailure;
+      case kValueTypeArray:
+        if (auto* array = dynamic_cast<const IArray*>(raw)) {
+          return WriteArray(*array, ElementNameOfType(type));
+        }
+        return kFailure;
+      case kValueTypeHash:
+        if (auto* hash = dynamic_cast<const IHash*>(raw)) {
+          return WriteHash(*hash, ElementNameOfType(type));
+        }
+        return kFailure;
+      default:
+        return kFailure;
+    }
+  }
+
+  std::vector<uint8_t>& out_;
+};
+
+}  // namespace
+
+std::error_code AppendByteForm(const std::shared_ptr<IValue>& value,
+                               std::vector<uint8_t>& out) noexcept {
+  return DirectWriter(out).Write(value);
+}
+
+}  // namespace QelSS::byteform

@@ -1,0 +1,23 @@
+#pragma once
+
+// Writes byte forms into one growing buffer, emitting exactly the bytes that
+// the element-by-element libxml2 writer of ByteFormReference.h produces,
+// including its escaping, its base64 line breaks and its way of cutting a
+// container short when a child cannot be written.
+
+#include <cstdint>
+#include <memory>
+#include <system_error>
+#include <vector>
+
+#include "qelss/values/IValue.h"
+
+namespace QelSS::byteform {
+
+// Appends the byte form of `value` to `out`. On failure `out` may hold part of
+// it; the caller cuts it back. Exceptions are reported ("QSSH") and give
+// kFailure, as they would for one element of the reference writer.
+[[nodiscard]] std::error_code AppendByteForm(const std::shared_ptr<IValue>& value,
+                                             std::vector<uint8_t>& out) noexcept;
+
+}  // namespace QelSS::byteform

@@ -1,0 +1,71 @@
+#pragma once
+
+// The few libxml2 services the byte form uses, with owners that free them on
+// every path and one parse policy for every byte form the library reads.
+
+#include <libxml/tree.h>
+#include <libxml/xmlwriter.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <system_error>
+#include <vector>
+
+namespace QelSS::byteform {
+
+// Initialises libxml2 once per process; cheap after the first call. Every
+// function here calls it, so callers need not.
+void EnsureLibXml() noexcept;
+
+struct XmlDocDeleter {
+  void operator()(xmlDoc* doc) const noexcept { xmlFreeDoc(doc); }
+};
+using XmlDocument = std::unique_ptr<xmlDoc, XmlDocDeleter>;
+
+struct XmlCharDeleter {
+  void operator()(xmlChar* text) const noexcept { xmlFree(text); }
+};
+using XmlText = std::unique_ptr<xmlChar, XmlCharDeleter>;
+
+// Parses `size` bytes of UTF-8 XML. kSerializationError when libxml2 makes no
+// document, and for a document that declares entities: byte forms never do, and
+// refusing them closes every entity-expansion attack (xmlNodeGetContent would
+// expand references that the parser leaves in the tree).
+//
+// Besides the defaults this adds only options that cannot change the tree of a
+// document libxml2 accepts: no network access, and no error text on stderr (a
+// library never prints). libxml2's own limits stay in force: 256 levels of
+// nesting, about 10,000,000 bytes in one text node, and loops and gross
+// amplification of entities (not reached, see above).
+[[nodiscard]] std::error_code ParseXml(const uint8_t* data, size_t size, XmlDocument& out);
+
+// The text of a node and its descendants (xmlNodeGetContent); null only when
+// libxml2 cannot make it.
+XmlText NodeContent(const xmlNode* node);
+
+// The text of the node's first attribute, whatever its name; null when the node
+// has none or libxml2 cannot make the text.
+XmlText FirstAttributeText(const xmlNode* node);
+
+// A text writer on a memory buffer, without compression.
+class XmlMemoryWriter {
+ public:
+  XmlMemoryWriter() = default;
+  ~XmlMemoryWriter();
+  XmlMemoryWriter(const XmlMemoryWriter&) = delete;
+  XmlMemoryWriter& operator=(const XmlMemoryWriter&) = delete;
+
+  // kSerializationError when the buffer or the writer cannot be made.
+  [[nodiscard]] std::error_code Open();
+  xmlTextWriterPtr writer() const noexcept { return writer_; }
+  // Flushes the writer and replaces `out` with the buffer's bytes.
+  // kSerializationError when the flush fails.
+  [[nodiscard]] std::error_code Finish(std::vector<uint8_t>& out);
+
+ private:
+  xmlBufferPtr buffer_ = nullptr;
+  xmlTextWriterPtr writer_ = nullptr;
+};
+
+}  // namespace QelSS::byteform
