@@ -1,0 +1,18 @@
+#pragma once
+
+#include <chrono>
+
+namespace QelSS {
+
+// How long the facade waits for a domain to load and for a synchronous commit
+// to be answered before it gives up with kTimeout. Both are 30 seconds.
+std::chrono::milliseconds OpenWaitLimit() noexcept;
+std::chrono::milliseconds CommitWaitLimit() noexcept;
+
+// Replaces a limit for the whole process and returns the one it replaces, so
+// that tests can run the timeout paths without waiting half a minute. Not for
+// production use.
+std::chrono::milliseconds SetOpenWaitLimitForTesting(std::chrono::milliseconds limit) noexcept;
+std::chrono::milliseconds SetCommitWaitLimitForTesting(std::chrono::milliseconds limit) noexcept;
+
+}  // namespace QelSS

@@ -1,0 +1,66 @@
+#include "qelss/api/IQSSDomain.h"
+
+#include "api/FacadeReport.h"
+#include "qelss/values/ErrorCode.h"
+
+namespace QelSS {
+
+IQSSDomain::~IQSSDomain() = default;
+
+template <FacadeValue T>
+std::error_code IQSSDomain::Get(const char* key, T& value) const {
+  try {
+    std::shared_ptr<IValue> stored;
+    const std::error_code rc = ReadValue(key, stored);
+    if (!Succeeded(rc)) return rc;
+    return ValueHelper::Get(stored, value);
+  } catch (...) {
+    return ReportTypedException("Get");
+  }
+}
+
+template <FacadeValue T>
+std::error_code IQSSDomain::Set(const char* key, const T& value) {
+  try {
+    return WriteValue(key, [&value](std::shared_ptr<IValue>& out) {
+      return ValueHelper::Set(value, out);
+    });
+  } catch (...) {
+    return ReportTypedException("Set");
+  }
+}
+
+template <FacadeValue T>
+std::error_code IQSSDomain::SetCommit(const char* key, const T& value) {
+  try {
+    return WriteValueAndCommit(key, [&value](std::shared_ptr<IValue>& out) {
+      return ValueHelper::Set(value, out);
+    });
+  } catch (...) {
+    return ReportTypedException("SetCommit");
+  }
+}
+
+#define QELSS_FACADE_INSTANTIATE(T)                                                    \
+  template std::error_code IQSSDomain::Get(const char*, T&) const;                     \
+  template std::error_code IQSSDomain::Set(const char*, const T&);                     \
+  template std::error_code IQSSDomain::SetCommit(const char*, const T&);
+
+QELSS_FACADE_INSTANTIATE(bool)
+QELSS_FACADE_INSTANTIATE(long long)
+QELSS_FACADE_INSTANTIATE(long)
+QELSS_FACADE_INSTANTIATE(unsigned long long)
+QELSS_FACADE_INSTANTIATE(double)
+QELSS_FACADE_INSTANTIATE(std::string)
+QELSS_FACADE_INSTANTIATE(std::vector<unsigned char>)
+QELSS_FACADE_INSTANTIATE(std::shared_ptr<IValue>)
+QELSS_FACADE_INSTANTIATE(std::shared_ptr<IString>)
+QELSS_FACADE_INSTANTIATE(std::shared_ptr<IData>)
+QELSS_FACADE_INSTANTIATE(std::shared_ptr<IUUID>)
+QELSS_FACADE_INSTANTIATE(std::shared_ptr<IHash>)
+QELSS_FACADE_INSTANTIATE(std::shared_ptr<IArray>)
+QELSS_FACADE_INSTANTIATE(std::shared_ptr<IValueSerialize>)
+
+#undef QELSS_FACADE_INSTANTIATE
+
+}  // namespace QelSS

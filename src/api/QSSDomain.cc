@@ -1,0 +1,187 @@
+#include "qelss/api/QSSDomain.h"
+
+#include <utility>
+
+#include "api/CompletionLatch.h"
+#include "api/FacadeLimits.h"
+#include "api/FacadeReport.h"
+#include "qelss/domain/SettingsObserver.h"
+#include "qelss/values/ErrorCode.h"
+
+namespace QelSS {
+
+struct QSSDomain::TransactionSlot {
+  std::mutex mutex;
+  std::shared_ptr<ITransaction> transaction;  // guarded by mutex
+
+  std::shared_ptr<ITransaction> Get() {
+    std::lock_guard lock(mutex);
+    return transaction;
+  }
+
+  // The replaced transaction is released outside the lock.
+  void Put(std::shared_ptr<ITransaction> next) {
+    std::lock_guard lock(mutex);
+    transaction.swap(next);
+  }
+};
+
+namespace {
+
+std::error_code NotOpen() { return make_error_code(kDomainNotOpen); }
+
+}  // namespace
+
+QSSDomain::QSSDomain(ConstructionKey) : transaction_(std::make_shared<TransactionSlot>()) {}
+
+QSSDomain::~QSSDomain() = default;
+
+std::shared_ptr<ITransaction> QSSDomain::CurrentTransaction() const { return transaction_->Get(); }
+
+std::error_code QSSDomain::ReadValue(const char* key, std::shared_ptr<IValue>& value) const {
+  if (!domain_) return NotOpen();
+  if (!key) return make_error_code(kInvalidArgument);
+  return domain_->Get(key, value);
+}
+
+std::error_code QSSDomain::WriteValue(const char* key, MakeValue make) {
+  if (!domain_) return NotOpen();
+  if (!CurrentTransaction()) return make_error_code(kFailure);
+  if (!key) return make_error_code(kInvalidArgument);
+  std::shared_ptr<IValue> value;
+  const std::error_code rc = make(value);
+  if (!Succeeded(rc)) return rc;
+
+  std::lock_guard lock(mutex_);
+  // An asynchronous commit's completion may have cleared it since the check.
+  const std::shared_ptr<ITransaction> transaction = CurrentTransaction();
+  if (!transaction) return make_error_code(kFailure);
+  return transaction->Set(key, value);
+}
+
+std::error_code QSSDomain::WriteValueAndCommit(const char* key, MakeValue make) {
+  if (!domain_) return NotOpen();
+  std::lock_guard lock(mutex_);
+  std::error_code rc = CreateTransaction();
+  if (Succeeded(rc)) rc = WriteValue(key, make);
+  if (Succeeded(rc)) rc = CommitTransaction();
+  return rc;
+}
+
+std::error_code QSSDomain::Delete(const char* key) {
+  try {
+    if (!domain_) return NotOpen();
+    std::lock_guard lock(mutex_);
+    const std::shared_ptr<ITransaction> transaction = CurrentTransaction();
+    if (!transaction) return make_error_code(kFailure);
+    if (!key) return make_error_code(kInvalidArgument);
+    return transaction->Delete(key);
+  } catch (...) {
+    return ReportFacadeException("Delete");
+  }
+}
+
+std::error_code QSSDomain::DeleteAndCommit(const char* key) {
+  try {
+    if (!domain_) return NotOpen();
+    std::lock_guard lock(mutex_);
+    std::error_code rc = CreateTransaction();
+    if (Succeeded(rc)) rc = Delete(key);
+    if (Succeeded(rc)) rc = CommitTransaction();
+    return rc;
+  } catch (...) {
+    return ReportFacadeException("DeleteAndCommit");
+  }
+}
+
+std::error_code QSSDomain::CreateTransaction() {
+  try {
+    if (!domain_) return NotOpen();
+    std::lock_guard lock(mutex_);
+    std::shared_ptr<ITransaction> transaction;
+    const std::error_code rc = domain_->CreateTransaction(transaction);
+    if (Succeeded(rc)) transaction_->Put(std::move(transaction));
+    return rc;
+  } catch (...) {
+    return ReportFacadeException("CreateTransaction");
+  }
+}
+
+std::error_code QSSDomain::CommitTransaction() {
+  try {
+    if (!domain_) return NotOpen();
+    std::lock_guard lock(mutex_);
+    return CommitAndWait();
+  } catch (...) {
+    return ReportFacadeException("CommitTransaction");
+  }
+}
+
+// Holds the facade mutex for the whole wait, so that no other write slips in
+// between the commit and its outcome. The completion takes only the latch's
+// own lock, never the facade mutex.
+std::error_code QSSDomain::CommitAndWait() {
+  auto latch = std::make_shared<CompletionLatch>();
+  std::error_code rc = domain_->CommitTransaction(
+      CurrentTransaction(), [latch](std::error_code outcome) { latch->Complete(outcome); });
+  if (!Succeeded(rc)) return rc;
+  rc = latch->Wait(CommitWaitLimit());
+  transaction_->Put(nullptr);
+  return rc;
+}
+
+std::error_code QSSDomain::CommitTransaction(std::function<void(std::error_code)> done) {
+  try {
+    if (!domain_) return NotOpen();
+    if (!done) return make_error_code(kInvalidArgument);
+    std::lock_guard lock(mutex_);
+    // The completion may run after the facade is gone: it holds the slot, not
+    // the facade. It clears whatever transaction is current by then, a newer
+    // one included; callers rely on that order (done first, then clear).
+    std::shared_ptr<TransactionSlot> slot = transaction_;
+    return domain_->CommitTransaction(
+        CurrentTransaction(), [slot, done = std::move(done)](std::error_code outcome) {
+          try {
+            done(outcome);
+          } catch (...) {
+            ReportFacadeException("CommitTransaction");
+          }
+          slot->Put(nullptr);
+        });
+  } catch (...) {
+    return ReportFacadeException("CommitTransaction");
+  }
+}
+
+std::error_code QSSDomain::AddObserver(dispatch_queue_t queue,
+                                       const std::shared_ptr<IObserver>& observer) {
+  try {
+    if (!domain_) return NotOpen();
+    return domain_->AddObserver(queue, observer);
+  } catch (...) {
+    return ReportFacadeException("AddObserver");
+  }
+}
+
+std::error_code QSSDomain::RemoveObserver(const std::shared_ptr<IObserver>& observer) {
+  try {
+    if (!domain_) return NotOpen();
+    if (auto adaptor = std::dynamic_pointer_cast<SettingsObserver>(observer)) adaptor->Detach();
+    return domain_->RemoveObserver(observer);
+  } catch (...) {
+    return ReportFacadeException("RemoveObserver");
+  }
+}
+
+std::error_code QSSDomain::PerformBlock(std::function<void()> block) {
+  if (!block) return make_error_code(kInvalidArgument);
+  try {
+    std::lock_guard lock(mutex_);
+    block();
+    return make_error_code(kSuccess);
+  } catch (...) {
+    return ReportFacadeException("PerformBlock");
+  }
+}
+
+}  // namespace QelSS
