@@ -3,6 +3,12 @@
 // Everything an application needs from QelSS, in one include.
 
 #include "qelss/Export.h"
+#include "qelss/api/IQSSDomain.h"
+#include "qelss/api/QSSDomain.h"
+#include "qelss/api/Settings.h"
+#include "qelss/configurations/Bundles.h"
+#include "qelss/configurations/ConfigurationsDomain.h"
+#include "qelss/configurations/OrxConfiguration.h"
 #include "qelss/domain/Constants.h"
 #include "qelss/domain/IDomainSetting.h"
 #include "qelss/domain/IObserver.h"

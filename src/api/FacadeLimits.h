@@ -9,10 +9,9 @@ namespace QelSS {
 std::chrono::milliseconds OpenWaitLimit() noexcept;
 std::chrono::milliseconds CommitWaitLimit() noexcept;
 
-// Replaces a limit for the whole process and returns the one it replaces, so
-// that tests can run the timeout paths without waiting half a minute. Not for
-// production use.
-std::chrono::milliseconds SetOpenWaitLimitForTesting(std::chrono::milliseconds limit) noexcept;
+// Replaces the commit limit for the whole process and returns the one it
+// replaces, so that tests can run the timeout path without waiting half a
+// minute. Not for production use.
 std::chrono::milliseconds SetCommitWaitLimitForTesting(std::chrono::milliseconds limit) noexcept;
 
 }  // namespace QelSS

@@ -22,9 +22,8 @@ std::error_code IQSSDomain::Get(const char* key, T& value) const {
 template <FacadeValue T>
 std::error_code IQSSDomain::Set(const char* key, const T& value) {
   try {
-    return WriteValue(key, [&value](std::shared_ptr<IValue>& out) {
-      return ValueHelper::Set(value, out);
-    });
+    return WriteValue(
+        key, [&value](std::shared_ptr<IValue>& out) { return ValueHelper::Set(value, out); });
   } catch (...) {
     return ReportTypedException("Set");
   }
@@ -33,17 +32,16 @@ std::error_code IQSSDomain::Set(const char* key, const T& value) {
 template <FacadeValue T>
 std::error_code IQSSDomain::SetCommit(const char* key, const T& value) {
   try {
-    return WriteValueAndCommit(key, [&value](std::shared_ptr<IValue>& out) {
-      return ValueHelper::Set(value, out);
-    });
+    return WriteValueAndCommit(
+        key, [&value](std::shared_ptr<IValue>& out) { return ValueHelper::Set(value, out); });
   } catch (...) {
     return ReportTypedException("SetCommit");
   }
 }
 
-#define QELSS_FACADE_INSTANTIATE(T)                                                    \
-  template std::error_code IQSSDomain::Get(const char*, T&) const;                     \
-  template std::error_code IQSSDomain::Set(const char*, const T&);                     \
+#define QELSS_FACADE_INSTANTIATE(T)                                \
+  template std::error_code IQSSDomain::Get(const char*, T&) const; \
+  template std::error_code IQSSDomain::Set(const char*, const T&); \
   template std::error_code IQSSDomain::SetCommit(const char*, const T&);
 
 QELSS_FACADE_INSTANTIATE(bool)

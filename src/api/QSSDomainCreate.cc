@@ -46,8 +46,8 @@ std::error_code OpenAndWait(IDomainFactory& factory, const Configuration& config
   return rc;
 }
 
-std::error_code Open(QSSDomain& facade, const char* name, const char* identity,
-                     const char* folder, bool useFolder) {
+std::error_code Open(QSSDomain& facade, const char* name, const char* identity, const char* folder,
+                     bool useFolder) {
   try {
     std::shared_ptr<IDomainFactory> factory = GetDomainFactory(nullptr);
     if (!factory) return make_error_code(kAllocationFailed);
@@ -90,9 +90,9 @@ std::error_code QSSDomain::Create(std::shared_ptr<QSSDomain>& domain, const char
     rc = ReportFacadeException("DomainIdForDomain");
   }
   if (!Succeeded(rc)) {
-    return ReportFailure({QelErrTag("SDOM"), "DomainIdForDomain", kQSSDomainErrorDomain,
-                          "Failed to get domain id"},
-                         rc);
+    return ReportFailure(
+        {QelErrTag("SDOM"), "DomainIdForDomain", kQSSDomainErrorDomain, "Failed to get domain id"},
+        rc);
   }
   return Create(domain, id.c_str(), identity, folder, useFolder);
 }

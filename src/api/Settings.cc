@@ -19,8 +19,8 @@ constexpr bool kLocalConfigurations = true;
 
 std::error_code CurrentConfiguration(unsigned int& configuration) {
   std::shared_ptr<ConfigurationsDomain> configurations;
-  std::error_code rc =
-      ConfigurationsDomain::Create(configurations, kLocalConfigurations, kFrameworkBundleIdentifier);
+  std::error_code rc = ConfigurationsDomain::Create(configurations, kLocalConfigurations,
+                                                    kFrameworkBundleIdentifier);
   if (!Succeeded(rc)) {
     return ReportFailure({kSettingsTag, "ConfigurationsDomain::Create", kSettingsErrorDomain,
                           "Failed to create configurations domain"},

@@ -96,8 +96,8 @@ std::error_code ConfigurationsDomain::getCurrentConfigurationID(unsigned int& id
     return make_error_code(kSuccess);
   }
   if (!Succeeded(rc)) {
-    return ReportConfigurationsFailure("QSSDomain::Get",
-                                       "Failed to get kCurrentConfigurationIDKey", rc);
+    return ReportConfigurationsFailure("QSSDomain::Get", "Failed to get kCurrentConfigurationIDKey",
+                                       rc);
   }
   id = static_cast<unsigned int>(current);
   return rc;
@@ -221,8 +221,8 @@ std::error_code ConfigurationsDomain::RemoveObserver(const std::shared_ptr<IObse
   return Forwarded("RemoveObserver", domain_->RemoveObserver(observer));
 }
 
-#define QELSS_CONFIGURATIONS_INSTANTIATE(T)                                       \
-  template std::error_code ConfigurationsDomain::Get(const char*, T&) const;      \
+#define QELSS_CONFIGURATIONS_INSTANTIATE(T)                                  \
+  template std::error_code ConfigurationsDomain::Get(const char*, T&) const; \
   template std::error_code ConfigurationsDomain::SetCommit(const char*, const T&);
 
 QELSS_CONFIGURATIONS_INSTANTIATE(bool)

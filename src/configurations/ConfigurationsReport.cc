@@ -11,8 +11,8 @@ std::error_code ReportConfigurationsFailure(const char* operation, const char* m
 
 std::error_code ReportRecordFailure(const char* operation, const char* message,
                                     const char* traceName, std::error_code code) noexcept {
-  return ReportFailure(
-      {QelErrTag("scfg"), operation, kOrxFrameworkErrorDomain, message, traceName}, code);
+  return ReportFailure({QelErrTag("scfg"), operation, kOrxFrameworkErrorDomain, message, traceName},
+                       code);
 }
 
 }  // namespace QelSS

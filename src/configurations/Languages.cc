@@ -16,11 +16,10 @@ void AddOnce(std::vector<std::string>& languages, const std::string& language) {
 // A locale name may contain anything the environment holds: only letters,
 // digits, "_" and "-" make a language, so that no path can be formed from it.
 bool IsLanguageName(const std::string& name) {
-  return !name.empty() && name.size() <= 32 &&
-         std::all_of(name.begin(), name.end(), [](char c) {
-           return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                  c == '_' || c == '-';
-         });
+  return !name.empty() && name.size() <= 32 && std::all_of(name.begin(), name.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+           c == '-';
+  });
 }
 
 }  // namespace

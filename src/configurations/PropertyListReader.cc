@@ -199,9 +199,8 @@ void InitializeXml() {
 std::error_code ParsePropertyList(std::string_view text, xpc_object_t& out) {
   if (text.size() > kMaxDocument) return make_error_code(kInvalidData);
   InitializeXml();
-  std::unique_ptr<xmlDoc, DocumentFree> document(
-      xmlReadMemory(text.data(), static_cast<int>(text.size()), "Configurations.plist", nullptr,
-                    kParseOptions));
+  std::unique_ptr<xmlDoc, DocumentFree> document(xmlReadMemory(
+      text.data(), static_cast<int>(text.size()), "Configurations.plist", nullptr, kParseOptions));
   if (!document) return make_error_code(kInvalidData);
   const xmlNode* root = xmlDocGetRootElement(document.get());
   if (!root || root->ns || !Named(root, "plist")) return make_error_code(kInvalidData);

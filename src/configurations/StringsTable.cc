@@ -154,16 +154,32 @@ class Parser {
     if (AtEnd()) return false;
     const char c = text_[pos_++];
     switch (c) {
-      case 'n': out += '\n'; return true;
-      case 't': out += '\t'; return true;
-      case 'r': out += '\r'; return true;
-      case 'a': out += '\a'; return true;
-      case 'b': out += '\b'; return true;
-      case 'f': out += '\f'; return true;
-      case 'v': out += '\v'; return true;
+      case 'n':
+        out += '\n';
+        return true;
+      case 't':
+        out += '\t';
+        return true;
+      case 'r':
+        out += '\r';
+        return true;
+      case 'a':
+        out += '\a';
+        return true;
+      case 'b':
+        out += '\b';
+        return true;
+      case 'f':
+        out += '\f';
+        return true;
+      case 'v':
+        out += '\v';
+        return true;
       case 'U':
-      case 'u': return ParseUnicodeEscape(out);
-      default: break;
+      case 'u':
+        return ParseUnicodeEscape(out);
+      default:
+        break;
     }
     if (c >= '0' && c <= '7') {
       unsigned value = static_cast<unsigned>(c - '0');

@@ -51,8 +51,8 @@ concept FacadeValue =
 // No operation throws: an exception inside one is reported (component "SDOM")
 // and becomes kFailure, or the exception's own code for the typed operations.
 //
-// Results common to every operation: kDomainNotOpen (254) when the facade
-// holds no domain because opening it failed.
+// Every operation but PerformBlock answers kDomainNotOpen (254) when the
+// facade holds no domain because opening it failed.
 class QELSS_EXPORT IQSSDomain {
  public:
   virtual ~IQSSDomain();

@@ -1,0 +1,137 @@
+// The facade's hot paths on a local domain of 1,000 and 10,000 keys: a typed
+// read, a one-call write and commit, and a transaction of a hundred writes
+// committed once. Every commit makes a transaction over a deep copy of the
+// domain, so the write paths grow with the domain's size.
+#include <benchmark/benchmark.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "qelss/api/QSSDomain.h"
+
+namespace QelSS {
+namespace {
+
+// A private temporary folder, removed with its contents at the end.
+class TempFolder {
+ public:
+  TempFolder() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "qelss-bench-XXXXXX").string();
+    if (mkdtemp(pattern.data())) path_ = pattern;
+  }
+  ~TempFolder() {
+    std::error_code ignored;
+    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+  }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+std::string KeyPath(int k) { return "/s" + std::to_string(k / 100) + "/k" + std::to_string(k); }
+
+// One facade per domain size, kept for the whole run. The host key lives in a
+// private data folder; the domains are released before their folder goes.
+class BenchDomains {
+ public:
+  static BenchDomains& Instance() {
+    static BenchDomains domains;
+    return domains;
+  }
+
+  QSSDomain* WithKeys(int keys) {
+    auto& facade = facades_[keys];
+    if (!facade) facade = Make(keys);
+    return facade.get();
+  }
+
+ private:
+  BenchDomains() { ::setenv("XDG_DATA_HOME", home_.path().c_str(), 1); }
+
+  std::shared_ptr<QSSDomain> Make(int keys) {
+    std::shared_ptr<QSSDomain> facade;
+    const std::string name = "bench" + std::to_string(keys);
+    if (!Succeeded(
+            QSSDomain::Create(facade, name.c_str(), "bench", folder_.path().c_str(), true)) ||
+        !Succeeded(facade->CreateTransaction())) {
+      return nullptr;
+    }
+    for (int k = 0; k < keys; ++k) {
+      if (!Succeeded(facade->Set(KeyPath(k).c_str(), static_cast<long long>(k)))) return nullptr;
+    }
+    return Succeeded(facade->CommitTransaction()) ? facade : nullptr;
+  }
+
+  TempFolder home_;
+  TempFolder folder_;
+  std::map<int, std::shared_ptr<QSSDomain>> facades_;
+};
+
+QSSDomain* Domain(benchmark::State& state) {
+  QSSDomain* facade = BenchDomains::Instance().WithKeys(static_cast<int>(state.range(0)));
+  if (!facade) state.SkipWithError("the domain could not be opened and filled");
+  return facade;
+}
+
+std::vector<std::string> SomePaths(int keys) {
+  std::vector<std::string> paths;
+  for (int k = 0; k < keys; k += keys / 64) paths.push_back(KeyPath(k));
+  return paths;
+}
+
+void BM_FacadeGetLongLong(benchmark::State& state) {
+  QSSDomain* facade = Domain(state);
+  if (!facade) return;
+  const std::vector<std::string> paths = SomePaths(static_cast<int>(state.range(0)));
+  size_t next = 0;
+  for (auto _ : state) {
+    long long value = 0;
+    benchmark::DoNotOptimize(facade->Get(paths[next].c_str(), value));
+    benchmark::DoNotOptimize(value);
+    if (++next == paths.size()) next = 0;
+  }
+}
+BENCHMARK(BM_FacadeGetLongLong)->Arg(1000)->Arg(10000);
+
+void BM_FacadeSetCommit(benchmark::State& state) {
+  QSSDomain* facade = Domain(state);
+  if (!facade) return;
+  const std::vector<std::string> paths = SomePaths(static_cast<int>(state.range(0)));
+  size_t next = 0;
+  long long counter = 0;
+  for (auto _ : state) {
+    if (!Succeeded(facade->SetCommit(paths[next].c_str(), ++counter))) {
+      state.SkipWithError("SetCommit failed");
+      break;
+    }
+    if (++next == paths.size()) next = 0;
+  }
+  state.counters["keys"] = static_cast<double>(state.range(0));
+}
+BENCHMARK(BM_FacadeSetCommit)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
+void BM_FacadeTransactionOf100Sets(benchmark::State& state) {
+  QSSDomain* facade = Domain(state);
+  if (!facade) return;
+  const std::vector<std::string> paths = SomePaths(static_cast<int>(state.range(0)));
+  long long counter = 0;
+  for (auto _ : state) {
+    bool ok = Succeeded(facade->CreateTransaction());
+    for (int i = 0; ok && i < 100; ++i) {
+      ok = Succeeded(facade->Set(paths[i % paths.size()].c_str(), ++counter));
+    }
+    if (!ok || !Succeeded(facade->CommitTransaction())) {
+      state.SkipWithError("the transaction failed");
+      break;
+    }
+  }
+}
+BENCHMARK(BM_FacadeTransactionOf100Sets)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+}  // namespace QelSS
