@@ -28,11 +28,19 @@ cleanup() {
 }
 trap cleanup EXIT
 
+# Prints the command, quoting the words that need it, then runs it. Messages
+# share standard output so that they show up next to their command.
 qss() {
-  printf '\n$ qss'
-  printf ' %q' "$@"
-  printf '\n'
-  "$qss_binary" "$@"
+  local line='$ qss' word
+  for word in "$@"; do
+    if [[ $word =~ ^[A-Za-z0-9_./:=@+-]+$ ]]; then
+      line+=" $word"
+    else
+      line+=" '${word//\'/\'\\\'\'}'"
+    fi
+  done
+  printf '\n%s\n' "$line"
+  "$qss_binary" "$@" 2>&1
 }
 
 # A command that is meant to fail: show its message and exit status.

@@ -32,7 +32,7 @@ class QssConfigTest : public QssFixture {
     QssFixture::TearDown();
   }
 
-  Run Config(const std::vector<std::string>& arguments) const {
+  Outcome Config(const std::vector<std::string>& arguments) const {
     std::vector<std::string> all = {"--bundles", QSS_BUNDLES, "config"};
     all.insert(all.end(), arguments.begin(), arguments.end());
     return QssPlain(all);
@@ -46,7 +46,7 @@ TEST_F(QssConfigTest, CurrentStartsAtThreeAndFollowsSet) {
   EXPECT_EQ(Config({"current"}).out, "3\n");
   EXPECT_EQ(Config({"set", "7"}).status, 0);
   EXPECT_EQ(Config({"current"}).out, "7\n");
-  const Run list = Config({"list"});
+  const Outcome list = Config({"list"});
   EXPECT_EQ(list.status, 0) << list.err;
   EXPECT_EQ(list.out, "3\tDefault\n");
 

@@ -21,20 +21,20 @@ void QssFixture::TearDown() {
   if (!root_.empty()) std::filesystem::remove_all(root_, ignored);
 }
 
-Run QssFixture::Qss(const std::vector<std::string>& arguments, const std::string& input) const {
+Outcome QssFixture::Qss(const std::vector<std::string>& arguments, const std::string& input) const {
   std::vector<std::string> all = {"--folder", folder_};
   all.insert(all.end(), arguments.begin(), arguments.end());
   return RunQss(all, environment_, input);
 }
 
-Run QssFixture::QssPlain(const std::vector<std::string>& arguments,
-                         const std::string& input) const {
+Outcome QssFixture::QssPlain(const std::vector<std::string>& arguments,
+                             const std::string& input) const {
   return RunQss(arguments, environment_, input);
 }
 
 std::string QssFixture::Succeed(const std::vector<std::string>& arguments,
                                 const std::string& input) {
-  const Run run = Qss(arguments, input);
+  const Outcome run = Qss(arguments, input);
   std::string command;
   for (const std::string& word : arguments) command += " " + word;
   EXPECT_EQ(run.status, 0) << "qss" << command << "\n" << run.err;
@@ -46,7 +46,7 @@ std::string QssFixture::DomainFile(const std::string& domain) const {
   return folder_ + "/com.qelvarin." + domain;
 }
 
-void ExpectFailure(const Run& run, int status, const std::vector<std::string>& phrases) {
+void ExpectFailure(const Outcome& run, int status, const std::vector<std::string>& phrases) {
   EXPECT_EQ(run.status, status) << run.err;
   EXPECT_EQ(run.out, "");
   for (const std::string& phrase : phrases) {

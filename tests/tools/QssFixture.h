@@ -19,9 +19,9 @@ class QssFixture : public ::testing::Test {
   void TearDown() override;
 
   // qss --folder <the test's domain folder> ARGUMENTS...
-  Run Qss(const std::vector<std::string>& arguments, const std::string& input = "") const;
+  Outcome Qss(const std::vector<std::string>& arguments, const std::string& input = "") const;
   // qss ARGUMENTS..., with the test's environment and nothing else added.
-  Run QssPlain(const std::vector<std::string>& arguments, const std::string& input = "") const;
+  Outcome QssPlain(const std::vector<std::string>& arguments, const std::string& input = "") const;
 
   // Runs a command that must succeed, and hands back its standard output.
   std::string Succeed(const std::vector<std::string>& arguments, const std::string& input = "");
@@ -37,7 +37,7 @@ class QssFixture : public ::testing::Test {
 
 // The run ended with `status` and its standard error holds every one of
 // `phrases`; standard output is empty.
-void ExpectFailure(const Run& run, int status, const std::vector<std::string>& phrases);
+void ExpectFailure(const Outcome& run, int status, const std::vector<std::string>& phrases);
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text);

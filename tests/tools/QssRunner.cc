@@ -42,7 +42,7 @@ std::vector<char*> Pointers(std::vector<std::string>& words) {
 
 // Feeds the input and drains both outputs together, so that a child blocked
 // on a full pipe can never stall the test.
-bool Exchange(int in, int out, int err, const std::string& input, Run& run) {
+bool Exchange(int in, int out, int err, const std::string& input, Outcome& run) {
   size_t fed = 0;
   if (input.empty()) {
     ::close(in);
@@ -81,9 +81,10 @@ bool Exchange(int in, int out, int err, const std::string& input, Run& run) {
 
 }  // namespace
 
-Run RunProgram(const std::string& program, const std::vector<std::string>& arguments,
-               const std::map<std::string, std::string>& environment, const std::string& input) {
-  Run run;
+Outcome RunProgram(const std::string& program, const std::vector<std::string>& arguments,
+                   const std::map<std::string, std::string>& environment,
+                   const std::string& input) {
+  Outcome run;
   int in[2], out[2], err[2];
   if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
     ADD_FAILURE() << "pipe: " << std::strerror(errno);
@@ -125,8 +126,8 @@ Run RunProgram(const std::string& program, const std::vector<std::string>& argum
   return run;
 }
 
-Run RunQss(const std::vector<std::string>& arguments,
-           const std::map<std::string, std::string>& environment, const std::string& input) {
+Outcome RunQss(const std::vector<std::string>& arguments,
+               const std::map<std::string, std::string>& environment, const std::string& input) {
   return RunProgram(QSS_BINARY, arguments, environment, input);
 }
 

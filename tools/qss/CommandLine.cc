@@ -28,7 +28,7 @@ constexpr const char* kDescription =
 
 constexpr const char* kFooter =
     "Exit status: 0 success; 1 bad command line, nothing done; 2 the domain or key does not\n"
-    "exist; 3 any other failure, with the library's code named in the message.";
+    "exist; 3 any other failure, with the library's code named in the message.\n";
 
 constexpr const char* kWriteFooter =
     "TYPE and VALUE:\n"
@@ -43,7 +43,7 @@ constexpr const char* kWriteFooter =
     "  hash, array    the XML byte form, as `qss read` prints it:\n"
     "                 '<Hash><String>w</String><Number type=\"int\">3</Number></Hash>'\n"
     "A VALUE that starts with \"-\" and is not a number goes after \"--\":\n"
-    "  qss write D /note string -- -x";
+    "  qss write D /note string -- -x\n";
 
 // The words the user typed before the command, collected while parsing.
 struct Arguments {

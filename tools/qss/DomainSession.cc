@@ -69,19 +69,19 @@ bool IsServiceUnavailable(std::error_code code) {
   return code == Code(kConnectionError) || code == Code(kInvalidResponse) || code == Code(kTimeout);
 }
 
+// A damaged file without a backup copy to fall back on ends as the code of
+// the missing backup, kDomainNotOpen.
 bool IsDamagedFile(std::error_code code) {
+  if (code.category() != qelss_category()) return false;
   switch (static_cast<ErrorCode>(code.value())) {
+    case kDomainNotOpen:
     case kSerializationError:
     case kFileReadError:
     case kStorageError:
     case kCryptError:
-    case kKeyDerivationError:
-    case kKeyReadError:
-    case kKeyDecodeError:
-    case kKeyChecksumMismatch:
     case kVerificationError:
     case kInvalidData:
-      return code.category() == qelss_category();
+      return true;
     default:
       return false;
   }
@@ -100,6 +100,12 @@ Status OpenFailure(const DomainOptions& options, const std::string& name, const 
     return Status::Failure("cannot create the folder " + options.folder, code,
                            "check that it is not a file and that its parent is writable, or "
                            "choose another with --folder");
+  }
+  if (code == Code(kKeyDerivationError) || code == Code(kKeyReadError) ||
+      code == Code(kKeyDecodeError) || code == Code(kKeyChecksumMismatch)) {
+    return Status::Failure("the host key that encrypts local domains cannot be read", code,
+                           "it is kept in qelvarin/DomainSettings beside the default domain "
+                           "folder; without it no local domain of this user can be opened");
   }
   if (IsDamagedFile(code)) {
     const std::string file = LocalDomainFile(options.folder, id);
@@ -124,6 +130,26 @@ Status CheckWritable(const std::string& folder) {
                          "fix its permissions, or choose another folder with --folder");
 }
 
+// Opening a missing local domain creates it; a command that only looks must
+// not leave an empty domain file behind.
+Status RequireDomainFile(const DomainOptions& options, const std::string& name,
+                         const std::string& id) {
+  struct stat info;
+  if (::stat(LocalDomainFile(options.folder, id).c_str(), &info) == 0 || errno != ENOENT) {
+    return Status::Ok();
+  }
+  return Status::NotFound("there is no domain " + name + " in " + options.folder, Code(kNotFound),
+                          "check the name and --folder; `qss write` creates a domain");
+}
+
+// Everything that can stop a change is checked before the domain is opened.
+Status PrepareFolder(const std::string& folder, std::unique_ptr<FolderLock>& lock) {
+  if (Status made = MakeFolder(folder); !made.ok()) return made;
+  lock = std::make_unique<FolderLock>();
+  if (Status locked = lock->Acquire(folder); !locked.ok()) return locked;
+  return CheckWritable(folder);
+}
+
 }  // namespace
 
 Status CheckKeyPath(const std::string& path) {
@@ -139,8 +165,11 @@ Status CheckKeyPath(const std::string& path) {
 }
 
 DomainSession::DomainSession(const DomainOptions& options, std::string name,
-                             std::shared_ptr<QSSDomain> facade)
-    : options_(options), name_(std::move(name)), facade_(std::move(facade)) {}
+                             std::unique_ptr<FolderLock> lock, std::shared_ptr<QSSDomain> facade)
+    : options_(options),
+      name_(std::move(name)),
+      lock_(std::move(lock)),
+      facade_(std::move(facade)) {}
 
 DomainSession::~DomainSession() = default;
 
@@ -150,25 +179,19 @@ Status DomainSession::Open(const DomainOptions& options, const std::string& name
   std::string id;
   if (Status resolved = ResolveIdentifier(options, name, id); !resolved.ok()) return resolved;
 
-  // Opening a missing local domain creates it; a command that only looks must
-  // not leave an empty domain file behind.
   if (!options.service && mode != Mode::kWrite) {
-    struct stat info;
-    if (::stat(LocalDomainFile(options.folder, id).c_str(), &info) != 0 && errno == ENOENT) {
-      return Status::NotFound("there is no domain " + name + " in " + options.folder,
-                              Code(kNotFound),
-                              "check the name and --folder; `qss write` creates a domain");
-    }
+    if (Status exists = RequireDomainFile(options, name, id); !exists.ok()) return exists;
+  }
+  std::unique_ptr<FolderLock> lock;
+  if (!options.service && mode != Mode::kRead) {
+    if (Status ready = PrepareFolder(options.folder, lock); !ready.ok()) return ready;
   }
 
   std::shared_ptr<QSSDomain> facade;
   const std::error_code opened =
       QSSDomain::Create(facade, id.c_str(), kIdentity, options.folder.c_str(), !options.service);
   if (!Succeeded(opened)) return OpenFailure(options, name, id, opened);
-  if (!options.service && mode != Mode::kRead) {
-    if (Status writable = CheckWritable(options.folder); !writable.ok()) return writable;
-  }
-  out.reset(new DomainSession(options, name, std::move(facade)));
+  out.reset(new DomainSession(options, name, std::move(lock), std::move(facade)));
   return Status::Ok();
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "DomainOptions.h"
+#include "FolderLock.h"
 #include "Status.h"
 #include "qelss/api/QSSDomain.h"
 #include "qelss/values/IHash.h"
@@ -57,14 +58,17 @@ class DomainSession {
   const std::string& name() const { return name_; }
 
  private:
-  DomainSession(const DomainOptions& options, std::string name, std::shared_ptr<QSSDomain> facade);
+  DomainSession(const DomainOptions& options, std::string name, std::unique_ptr<FolderLock> lock,
+                std::shared_ptr<QSSDomain> facade);
 
-  Status CheckPath(const std::string& path) const;
   Status CommitFailure(const std::string& what, std::error_code code) const;
   std::string ListHint() const;
 
   DomainOptions options_;
   std::string name_;
+  // Declared before the facade so that it is released after it: the domain
+  // writes its file while it goes.
+  std::unique_ptr<FolderLock> lock_;
   std::shared_ptr<QSSDomain> facade_;
 };
 
