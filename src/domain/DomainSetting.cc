@@ -111,6 +111,11 @@ std::error_code DomainSetting::CopySettings(std::shared_ptr<IHash>& settings) {
   return RunOnDomainQueue("CopySettings", [&] { return CloneRoot(settings_, settings); });
 }
 
+std::error_code DomainSetting::CloneSettings(std::shared_ptr<IHash>& copy) const {
+  assert(OnDomainQueue());
+  return CloneRoot(settings_, copy);
+}
+
 std::error_code DomainSetting::AddObserver(dispatch_queue_t queue,
                                            const std::shared_ptr<IObserver>& observer) {
   try {

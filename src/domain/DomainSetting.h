@@ -77,6 +77,9 @@ class DomainSetting : public IDomainSetting,
 
   // The serial queue that guards the state, for timer sources and hops.
   DispatchQueue::IQueue& DomainQueue() const noexcept { return *domainQueue_; }
+  // True inside a block running on the domain queue, where RunOnDomainQueue
+  // must not be called.
+  bool OnDomainQueue() const noexcept;
 
   // Runs `body` synchronously on the domain queue and returns its result;
   // kFailure when the queue no longer runs blocks. An exception escaping `body`
@@ -123,6 +126,10 @@ class DomainSetting : public IDomainSetting,
   // applied and the count does not move.
   [[nodiscard]] std::error_code ApplyTransaction(const std::shared_ptr<IHash>& record, bool notify);
 
+  // A deep copy of the whole stored root (CopySettings for a caller already on
+  // the domain queue). kInvalidData when the copy is not a hash.
+  [[nodiscard]] std::error_code CloneSettings(std::shared_ptr<IHash>& copy) const;
+
   // IsTransactionValid, then ApplyTransaction.
   [[nodiscard]] std::error_code ValidateAndApply(const std::shared_ptr<IHash>& record, bool notify);
 
@@ -156,7 +163,6 @@ class DomainSetting : public IDomainSetting,
   std::error_code ReportInvalid(const char* message, std::error_code code, int64_t inCount,
                                 int64_t orgCount) const;
   void Deliver(const std::vector<Change>& changes);
-  bool OnDomainQueue() const noexcept;
 
   // Constant after construction.
   std::shared_ptr<DispatchQueue::IQueue> domainQueue_;

@@ -1,0 +1,105 @@
+#include "domain/DomainFactory.h"
+
+#include <system_error>
+#include <utility>
+
+#include "domain/LocalDomainSetting.h"
+#include "persistence/CaughtException.h"
+#include "platform/crypto/SelfTest.h"
+#include "platform/report/Report.h"
+#include "values/FailureReport.h"
+
+namespace QelSS {
+namespace {
+
+constexpr uint32_t kReportTag = QelErrTag("SSAR");
+
+int RunLibrarySelfTest() noexcept { return static_cast<int>(platform::crypto::RunSelfTest()); }
+
+void Refuse(const IDomainFactory::OpenDone& done, std::error_code code) {
+  std::shared_ptr<IDomainSetting> none;
+  done(none, code);
+}
+
+std::error_code MakeLocal(const Configuration& configuration, const std::string& name, bool create,
+                          std::shared_ptr<DomainSetting>& domain) {
+  try {
+    domain = std::make_shared<LocalDomainSetting>(name, create, configuration);
+    return kSuccess;
+  } catch (const std::system_error& error) {
+    ReportCaughtException(1, kReportTag, "OpenDomain");
+    return error.code();
+  } catch (...) {
+    ReportCaughtException(1, kReportTag, "OpenDomain");
+    return kFailure;
+  }
+}
+
+void ReportIntegrityFailure(int code) {
+  QelErrReportRef report =
+      QelErrReportingBeginFailureReport(1, kReportTag, "", "", kQelErrLocationCaller);
+  QelErrReportingAddIntFailure(report, "ValidateExternalCaller",
+                               kQelErrDomainQelvarinTrustedComponents, code);
+  QelTrace("ValidateExternalCaller failed (%d)", code);
+  QelErrReportingEndFailureReport(report);
+}
+
+}  // namespace
+
+IDomainFactory::~IDomainFactory() = default;
+
+int IntegrityGate::Result() {
+  std::call_once(once_, [this] { result_ = check_(); });
+  return result_;
+}
+
+std::shared_ptr<IDomainFactory> FactoryBehind(IntegrityGate& gate) {
+  if (const int failed = gate.Result(); failed != 0) {
+    ReportIntegrityFailure(failed);
+    return nullptr;
+  }
+  try {
+    return std::make_shared<DomainFactory>();
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+std::shared_ptr<IDomainFactory> GetDomainFactory(IDomainFactory::_change_api_signature*) {
+  // Never destroyed, so that a call during exit still finds it.
+  static constinit IntegrityGate gate(&RunLibrarySelfTest);
+  return FactoryBehind(gate);
+}
+
+void DomainFactory::OpenDomain(const Configuration& configuration, const std::string& name,
+                               const std::string& client, OpenDone done, bool create) {
+  if (!done) return;
+  // Reported, but the opening goes on: callers have long relied on the second
+  // call of `done` that follows.
+  if (name.empty() || name.size() > kMaxDomainNameLength) {
+    Refuse(done, make_error_code(kInvalidArgument));
+  }
+  if (!configuration.local) {
+    (void)client;
+    Refuse(done, ReportFailure({kReportTag, "OpenDomain", kQelSharedSettingsErrorDomain,
+                                "The settings service is not available", nullptr, name.c_str()},
+                               make_error_code(kConnectionError)));
+    return;
+  }
+  std::shared_ptr<DomainSetting> domain;
+  if (std::error_code made = MakeLocal(configuration, name, create, domain); made != kSuccess) {
+    Refuse(done, made);
+    return;
+  }
+  const std::error_code started = domain->FetchSettings([domain, done](std::error_code fetched) {
+    if (fetched != kSuccess) {
+      Refuse(done, fetched);
+      return;
+    }
+    std::shared_ptr<IDomainSetting> opened = domain;
+    done(opened, fetched);
+  });
+  if (started != kSuccess) Refuse(done, started);
+}
+
+}  // namespace QelSS

@@ -1,0 +1,200 @@
+#include "persistence/DomainFile.h"
+
+#include "persistence/Envelope.h"
+#include "platform/support/ScopedFile.h"
+#include "qelss/values/ErrorCode.h"
+#include "qelss/values/HashFactory.h"
+#include "values/FailureReport.h"
+
+namespace QelSS {
+namespace {
+
+using platform::IFileSystem;
+using platform::OpenMode;
+using platform::ScopedFile;
+using platform::SeekFrom;
+
+constexpr uint32_t kTag = QelErrTag("QSST");
+constexpr unsigned kDomainFileMode = 0640;
+constexpr uid_t kKeepOwner = static_cast<uid_t>(-1);
+constexpr gid_t kDomainFileGroup = 0;
+
+std::error_code Report(const char* operation, const char* message, std::error_code code) {
+  return ReportFailure(FailureReport{kTag, operation, kQelSharedSettingsErrorDomain, message},
+                       code);
+}
+
+std::error_code ReadFailure() {
+  return Report("ReadSettings", "Error reading File specified by inFilePath", kFileReadError);
+}
+
+std::error_code DumpFailure() {
+  return Report("WriteSettings", "Error dumping contents to disk", kFileWriteError);
+}
+
+std::string TemporaryPath(const std::string& path) { return path + kTemporaryFileSuffix; }
+
+// T alone is the new tree of a write that stopped after removing P: finishing
+// the rename completes that write. `found` is false when there is neither.
+std::error_code PromoteLoneTemporary(IFileSystem& files, const std::string& path, bool& found) {
+  found = true;
+  if (files.Exists(path)) return kSuccess;
+  const std::string temporary = TemporaryPath(path);
+  if (!files.Exists(temporary)) {
+    found = false;
+    return kSuccess;
+  }
+  if (std::error_code code = files.Rename(temporary, path); code != kSuccess) {
+    return Report("rename", "Failed to rename file.", code);
+  }
+  return kSuccess;
+}
+
+std::error_code ReadAll(IFileSystem& files, int fd, std::vector<uint8_t>& out) {
+  uint64_t length = 0, start = 0;
+  if (files.Seek(fd, 0, SeekFrom::kEnd, length) != kSuccess) return ReadFailure();
+  // The file may have grown since it was measured; the limit still holds.
+  if (length > kMaxDomainFileSize) return kStorageError;
+  if (files.Seek(fd, 0, SeekFrom::kStart, start) != kSuccess) return ReadFailure();
+  std::vector<uint8_t> bytes(length);
+  size_t done = 0;
+  while (done < bytes.size()) {
+    size_t count = 0;
+    if (files.Read(fd, std::span(bytes).subspan(done), count) != kSuccess) return ReadFailure();
+    if (count == 0) break;
+    done += count;
+  }
+  bytes.resize(done);  // a file that shrank meanwhile fails in decryption
+  out = std::move(bytes);
+  return kSuccess;
+}
+
+std::error_code WriteAll(IFileSystem& files, int fd, const std::vector<uint8_t>& data) {
+  size_t done = 0;
+  while (done < data.size()) {
+    size_t count = 0;
+    if (files.Write(fd, std::span(data).subspan(done), count) != kSuccess || count == 0) {
+      return DumpFailure();
+    }
+    done += count;
+  }
+  return kSuccess;
+}
+
+// The temporary file is complete and on stable storage when this succeeds.
+std::error_code WriteTemporary(IFileSystem& files, const std::string& temporary,
+                               const std::vector<uint8_t>& envelope) {
+  int fd = -1;
+  if (files.Open(temporary, OpenMode::kWriteTruncate, fd) != kSuccess) {
+    return Report("WriteSettings", "Error reading file specified by inFilePath", kFileWriteError);
+  }
+  ScopedFile file(files, fd);
+  if (std::error_code code = WriteAll(files, fd, envelope); code != kSuccess) return code;
+  if (files.Sync(fd) != kSuccess) return DumpFailure();
+  if (file.Close() != kSuccess) return DumpFailure();
+  return kSuccess;
+}
+
+// Runs while P is still untouched. On failure T goes too: a partial T must
+// never be promoted when there is no P, and with P present it is worthless.
+std::error_code PrepareTemporary(IFileSystem& files, const std::string& temporary,
+                                 const std::vector<uint8_t>& envelope) {
+  std::error_code code = WriteTemporary(files, temporary, envelope);
+  // T's directory entry must be durable before P's removal can be: otherwise
+  // a power cut could keep the removal and lose T.
+  if (code == kSuccess && files.SyncDirectory(platform::ParentDirectory(temporary)) != kSuccess) {
+    code = DumpFailure();
+  }
+  if (code != kSuccess) (void)files.Remove(temporary);
+  return code;
+}
+
+}  // namespace
+
+std::error_code ReadDomainBytes(IFileSystem& files, const std::string& path,
+                                std::vector<uint8_t>& out) {
+  if (path.empty()) return kInvalidArgument;
+  bool found = false;
+  if (std::error_code code = PromoteLoneTemporary(files, path, found); code != kSuccess) {
+    return code;
+  }
+  if (!found) return kDomainNotOpen;
+
+  uint64_t size = 0;
+  if (std::error_code code = files.Stat(path, size); code != kSuccess) return code;
+  if (size > kMaxDomainFileSize) return kStorageError;
+
+  int fd = -1;
+  if (files.Open(path, OpenMode::kRead, fd) != kSuccess) return ReadFailure();
+  ScopedFile file(files, fd);
+  return ReadAll(files, fd, out);
+}
+
+std::error_code ReadDomainFile(IFileSystem& files, const std::string& path,
+                               std::shared_ptr<IHash>& out) {
+  std::vector<uint8_t> envelope;
+  if (std::error_code code = ReadDomainBytes(files, path, envelope); code != kSuccess) {
+    return code;
+  }
+  std::vector<uint8_t> bytes;
+  if (std::error_code code = Decrypt(envelope, bytes); code != kSuccess) {
+    return Report("ReadSettings", "Failed to decrypt objectBytes", code);
+  }
+  std::shared_ptr<IHash> hash;
+  if (std::error_code code = HashFactory::CreateFromBytes(hash, bytes); code != kSuccess) {
+    return Report("ReadSettings", "Error Deserializing bytes to IHash", code);
+  }
+  out = std::move(hash);
+  return kSuccess;
+}
+
+std::error_code ReplaceDomainBytes(IFileSystem& files, const std::string& path,
+                                   const std::vector<uint8_t>& envelope) {
+  if (path.empty()) return kInvalidArgument;
+  // A lone T holds the previous tree; truncating it for this write would leave
+  // nothing to fall back on should this write fail too.
+  bool found = false;
+  if (std::error_code code = PromoteLoneTemporary(files, path, found); code != kSuccess) {
+    return code;
+  }
+
+  const std::string temporary = TemporaryPath(path);
+  if (std::error_code code = PrepareTemporary(files, temporary, envelope); code != kSuccess) {
+    return code;
+  }
+  // From here on T is whole: whichever step fails, the next read finds the old
+  // P, or T alone and promotes it.
+  if (files.Exists(path)) {
+    if (std::error_code code = files.Remove(path); code != kSuccess) {
+      return Report("remove", "Failed to remove file.", code);
+    }
+  }
+  if (std::error_code code = files.Rename(temporary, path); code != kSuccess) {
+    return Report("rename", "Failed to rename file.", code);
+  }
+  if (std::error_code code =
+          files.SetPermissions(path, kDomainFileMode, kKeepOwner, kDomainFileGroup);
+      code != kSuccess) {
+    return Report("SetFilePermissions failure", "Failed to set domain permissions", code);
+  }
+  // Without this a power cut could bring back the old P, or T alone, after the
+  // caller was told that the new tree is stored.
+  if (files.SyncDirectory(platform::ParentDirectory(path)) != kSuccess) return DumpFailure();
+  return kSuccess;
+}
+
+std::error_code WriteDomainFile(IFileSystem& files, const std::string& path,
+                                const std::shared_ptr<IHash>& hash) {
+  if (path.empty() || !hash) return kInvalidArgument;
+  std::vector<uint8_t> bytes;
+  if (std::error_code code = hash->Serialize(bytes); code != kSuccess) {
+    return Report("WriteSettings", "Error serializing IHash to objectBytes", code);
+  }
+  std::vector<uint8_t> envelope;
+  if (std::error_code code = Encrypt(bytes, envelope); code != kSuccess) {
+    return Report("WriteSettings", "Failed to encrypt objectBytes", code);
+  }
+  return ReplaceDomainBytes(files, path, envelope);
+}
+
+}  // namespace QelSS
