@@ -72,6 +72,15 @@ class QELSS_EXPORT QSSDomain final : public IQSSDomain {
   [[nodiscard]] std::error_code RemoveObserver(const std::shared_ptr<IObserver>& observer) override;
   [[nodiscard]] std::error_code PerformBlock(std::function<void()> block) override;
 
+  // A deep copy of the domain's whole committed settings tree: every key
+  // path's value, as a reader would see it now. Tools that list or export a
+  // domain need it; an application reads its keys with Get. Takes no facade
+  // lock. On success `settings` is replaced; on failure it is untouched:
+  //   kDomainNotOpen     opening the domain failed
+  //   kNotImplemented    the domain cannot be copied
+  //   other              the failure of the copy (kAllocationFailed, ...)
+  [[nodiscard]] std::error_code CopySettings(std::shared_ptr<IHash>& settings) const;
+
   struct ConstructionKey {
     explicit ConstructionKey() = default;
   };

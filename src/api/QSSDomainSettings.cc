@@ -1,0 +1,28 @@
+#include "qelss/api/QSSDomain.h"
+
+#include "api/FacadeReport.h"
+#include "domain/IDomainSettingInternal.h"
+#include "qelss/ipc/DomainUtil.h"
+#include "qelss/values/ErrorCode.h"
+
+namespace QelSS {
+
+std::error_code QSSDomain::CopySettings(std::shared_ptr<IHash>& settings) const {
+  try {
+    if (!domain_) return make_error_code(kDomainNotOpen);
+    auto* internal = dynamic_cast<IDomainSettingInternal*>(domain_.get());
+    if (!internal) return make_error_code(kNotImplemented);
+    std::shared_ptr<IHash> root;
+    std::error_code rc = internal->CopySettings(root);
+    if (!Succeeded(rc)) return rc;
+    // The copy is the stored root; only its settings tree is the domain's.
+    std::shared_ptr<IHash> tree;
+    rc = DomainUtil::GetInternalSettings(root, tree);
+    if (Succeeded(rc)) settings = std::move(tree);
+    return rc;
+  } catch (...) {
+    return ReportFacadeException("CopySettings");
+  }
+}
+
+}  // namespace QelSS
