@@ -249,14 +249,6 @@ TEST_F(ConfigurationsTest, CurrentNumberOfAnotherKindIsReported) {
   EXPECT_TRUE(capture->HasTrace("QSSDomain::Get failed (205)"));
 }
 
-TEST(ConfigurationsFolder, IsTheFixedFolderUnlessRedirected) {
-  const std::string previous = SetConfigurationsFolderForTesting("/elsewhere");
-  EXPECT_EQ(ConfigurationsFolder(), "/elsewhere");
-  SetConfigurationsFolderForTesting("");
-  EXPECT_EQ(ConfigurationsFolder(), "/tmp/EmbeddedDomain/CF");
-  SetConfigurationsFolderForTesting(previous);
-}
-
 TEST(OrxConfiguration, RecordsKeepIdNameAndBundle) {
   OrxConfiguration record(4000000000u, "Wide", kStudio);
   unsigned int id = 0;
