@@ -211,35 +211,35 @@ bool xpc_equal(xpc_object_t a, xpc_object_t b) noexcept {
 size_t xpc_hash(xpc_object_t object) noexcept {
   if (object == nullptr) return 0;
   const Kind kind = xpc_get_type(object)->kind;
-  const size_t seed = static_cast<size_t>(kind);
+  const size_t start = static_cast<size_t>(kind);
   switch (kind) {
     case Kind::kNull:
-      return Combine(seed, 0);
+      return Combine(start, 0);
     case Kind::kBool:
-      return Combine(seed, static_cast<Bool*>(object)->value);
+      return Combine(start, static_cast<Bool*>(object)->value);
     case Kind::kInt64:
     case Kind::kDate:
-      return Combine(seed, std::hash<int64_t>{}(SignedValueOf(object)));
+      return Combine(start, std::hash<int64_t>{}(SignedValueOf(object)));
     case Kind::kUInt64:
-      return Combine(seed, std::hash<uint64_t>{}(UnsignedValueOf(object)));
+      return Combine(start, std::hash<uint64_t>{}(UnsignedValueOf(object)));
     case Kind::kDouble: {
       double value = DoubleValueOf(object);
-      return Combine(seed, std::hash<double>{}(value == 0.0 ? 0.0 : value));  // -0.0 equals 0.0
+      return Combine(start, std::hash<double>{}(value == 0.0 ? 0.0 : value));  // -0.0 equals 0.0
     }
     case Kind::kString:
     case Kind::kData:
-      return Combine(seed, std::hash<std::string_view>{}(TextOf(object)));
+      return Combine(start, std::hash<std::string_view>{}(TextOf(object)));
     case Kind::kUuid: {
       auto* uuid = static_cast<Uuid*>(object);
-      return Combine(seed, std::hash<std::string_view>{}(
+      return Combine(start, std::hash<std::string_view>{}(
                                {reinterpret_cast<const char*>(uuid->bytes), sizeof uuid->bytes}));
     }
     case Kind::kArray:
-      return Combine(seed, HashArray(*static_cast<Array*>(object)));
+      return Combine(start, HashArray(*static_cast<Array*>(object)));
     case Kind::kDictionary:
-      return Combine(seed, HashDictionary(*static_cast<Dictionary*>(object)));
+      return Combine(start, HashDictionary(*static_cast<Dictionary*>(object)));
     case Kind::kError:
-      return Combine(seed, reinterpret_cast<uintptr_t>(object));
+      return Combine(start, reinterpret_cast<uintptr_t>(object));
   }
-  return seed;
+  return start;
 }
