@@ -167,6 +167,9 @@ xpc_object_t xpc_copy(xpc_object_t object) noexcept {
 
 bool xpc_equal(xpc_object_t a, xpc_object_t b) noexcept {
   if (a == nullptr || b == nullptr) return a == b;
+  // The tagged encoding is canonical, so two tagged words are equal exactly
+  // when they are the same word; doubles alone compare by value (NaN, -0.0).
+  if (IsTagged(a) && IsTagged(b) && TaggedKindOf(a) != TaggedKind::kDouble) return a == b;
   const xpc_type_t type = xpc_get_type(a);
   if (type != xpc_get_type(b)) return false;
   // Numbers and dates compare by value, never by pointer: either side may be a
