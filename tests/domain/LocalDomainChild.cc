@@ -16,11 +16,13 @@
 #include "domain/LocalDomainTestSupport.h"
 #include "qelss/domain/DomainFactory.h"
 
+// Outside any anonymous namespace, so that the store to it stays and a leak
+// checker sees the domain as reachable.
+std::shared_ptr<QelSS::IDomainSetting>* gKept = nullptr;
+
 namespace {
 
 using namespace QelSS;
-
-std::shared_ptr<QelSS::IDomainSetting>* gKept = nullptr;
 
 enum Exit { kOk = 0, kUsage = 2, kNotOpened = 3, kNotCommitted = 4, kMismatch = 5 };
 
