@@ -138,16 +138,15 @@ std::error_code QSSDomain::CommitTransaction(std::function<void(std::error_code)
     // The completion may run after the facade is gone: it holds the slot, not
     // the facade. It clears whatever transaction is current by then, a newer
     // one included; callers rely on that order (done first, then clear).
-    std::shared_ptr<TransactionSlot> slot = transaction_;
-    return domain_->CommitTransaction(CurrentTransaction(),
-                                      [slot, done = std::move(done)](std::error_code outcome) {
-                                        try {
-                                          done(outcome);
-                                        } catch (...) {
-                                          ReportFacadeException("CommitTransaction");
-                                        }
-                                        slot->Put(nullptr);
-                                      });
+    auto completion = [slot = transaction_, done = std::move(done)](std::error_code outcome) {
+      try {
+        done(outcome);
+      } catch (...) {
+        ReportFacadeException("CommitTransaction");
+      }
+      slot->Put(nullptr);
+    };
+    return domain_->CommitTransaction(CurrentTransaction(), std::move(completion));
   } catch (...) {
     return ReportFacadeException("CommitTransaction");
   }

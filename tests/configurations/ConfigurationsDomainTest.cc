@@ -73,7 +73,9 @@ class ConfigurationsTest : public ::testing::Test {
     std::shared_ptr<OrxConfiguration> configuration;
     std::string name;
     EXPECT_EQ(domain.getConfigurationWithID(id, configuration), Code(kSuccess)) << id;
-    if (configuration) EXPECT_EQ(configuration->getName(name), Code(kSuccess)) << id;
+    if (configuration) {
+      EXPECT_EQ(configuration->getName(name), Code(kSuccess)) << id;
+    }
     return name;
   }
 
@@ -245,14 +247,6 @@ TEST_F(ConfigurationsTest, CurrentNumberOfAnotherKindIsReported) {
   ASSERT_TRUE(report);
   EXPECT_EQ(report->Message(), "Failed to get kCurrentConfigurationIDKey");
   EXPECT_TRUE(capture->HasTrace("QSSDomain::Get failed (205)"));
-}
-
-TEST(ConfigurationsFolder, IsTheFixedFolderUnlessRedirected) {
-  const std::string previous = SetConfigurationsFolderForTesting("/elsewhere");
-  EXPECT_EQ(ConfigurationsFolder(), "/elsewhere");
-  SetConfigurationsFolderForTesting("");
-  EXPECT_EQ(ConfigurationsFolder(), "/tmp/EmbeddedDomain/CF");
-  SetConfigurationsFolderForTesting(previous);
 }
 
 TEST(OrxConfiguration, RecordsKeepIdNameAndBundle) {
