@@ -32,7 +32,9 @@ for target in "${targets[@]}"; do
   cp fuzz/corpus/"$target"/* "$scratch/$target/"
   # Byte forms larger than 16 KiB add nothing but time per run; 2 GiB is far
   # above what any input of that size may cost.
-  build/fuzz/fuzz/fuzz_"$target" "$scratch/$target" \
+  dictionary=()
+  if [ "$target" != decrypt ]; then dictionary=(-dict=fuzz/byteform.dict); fi
+  build/fuzz/fuzz/fuzz_"$target" "$scratch/$target" "${dictionary[@]}" \
     -max_total_time="$seconds" -max_len=16384 -rss_limit_mb=2048 -timeout=30 \
     -artifact_prefix="$artifacts/$target-" -print_final_stats=1
 done

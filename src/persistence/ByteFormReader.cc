@@ -62,6 +62,10 @@ bool Parses(const std::vector<uint8_t>& bytes) {
   return Succeeded(ParseXml(bytes.data(), bytes.size(), doc));
 }
 
+bool IsContainer(const ValuePtr& value) {
+  return value->GetType() == kValueTypeArray || value->GetType() == kValueTypeHash;
+}
+
 bool SameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 // One direct child of a container, as its second reading would see it.
@@ -80,14 +84,11 @@ struct Normalised {
 bool RewriteOfWrittenScalarParses(const ValuePtr& value) {
   std::vector<uint8_t> rewrite;
   if (auto* data = dynamic_cast<const IData*>(value.get())) {
-    const char* name = ElementNameOfType(kValueTypeData);
-    rewrite.insert(rewrite.end(), {'<'});
-    rewrite.insert(rewrite.end(), name, name + std::strlen(name));
-    rewrite.push_back('>');
+    constexpr std::string_view kStart = "<Data>";
+    constexpr std::string_view kEnd = "</Data>";
+    rewrite.assign(kStart.begin(), kStart.end());
     AppendBase64Lines(data->GetBytes(), data->GetLength(), rewrite, "\n");
-    rewrite.insert(rewrite.end(), {'<', '/'});
-    rewrite.insert(rewrite.end(), name, name + std::strlen(name));
-    rewrite.push_back('>');
+    rewrite.insert(rewrite.end(), kEnd.begin(), kEnd.end());
   } else if (!Succeeded(AppendByteForm(value, rewrite))) {
     return false;
   }
@@ -191,14 +192,15 @@ class Walk {
       if (!Parses(rewrite)) return kSerializationError;
     }
     for (const Normalised& normalised : children) {
-      if (normalised.written >= kLargestSafeRewrite &&
+      // Nested containers had their rewrites parsed when they were read.
+      if (normalised.written >= kLargestSafeRewrite && !IsContainer(normalised.value) &&
           !RewriteOfWrittenScalarParses(normalised.value)) {
         return kSerializationError;
       }
       if (!Succeeded(normalised.failure)) return normalised.failure;
     }
     if (std::error_code code = Replace(container, children); !Succeeded(code)) return code;
-    writtenSizes_[container.get()] = written;
+    writtenSizes_[container] = written;
     out = std::move(container);
     return kSuccess;
   }
@@ -253,7 +255,7 @@ class Walk {
       case kValueTypeArray:
       case kValueTypeHash:
         // Read by this walk, and normalised then.
-        child.written = writtenSizes_.at(value.get());
+        child.written = writtenSizes_.at(value);
         break;
       case kValueTypeNumber:
         NormaliseNumber(dynamic_cast<const INumber&>(*value), child);
@@ -303,8 +305,10 @@ class Walk {
     child.failure = DateFactory::Create(again, std::stol(text.digits, nullptr, 10));
   }
 
-  // The written size of every container this walk has read and normalised.
-  std::unordered_map<const IValue*, size_t> writtenSizes_;
+  // The written size of every container this walk has read and normalised. The
+  // map holds them, so that the address of one that a later duplicate key
+  // replaced cannot come back as another's.
+  std::unordered_map<ValuePtr, size_t> writtenSizes_;
 };
 
 }  // namespace

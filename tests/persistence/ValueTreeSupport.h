@@ -34,58 +34,26 @@ using ValuePtr = std::shared_ptr<IValue>;
 inline Bytes ToBytes(std::string_view text) { return Bytes(text.begin(), text.end()); }
 inline std::string ToText(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
 
-template <typename I>
-ValuePtr Made(std::error_code code, const std::shared_ptr<I>& value) {
-  EXPECT_EQ(code, make_error_code(kSuccess));
+// Makes a value with Factory::Create(out, args...), which must succeed.
+template <typename I, typename Factory, typename... Args>
+ValuePtr Make(Args&&... args) {
+  std::shared_ptr<I> value;
+  EXPECT_EQ(Factory::Create(value, std::forward<Args>(args)...), make_error_code(kSuccess));
   return value;
 }
 
-inline ValuePtr Null() {
-  std::shared_ptr<INull> v;
-  std::error_code code = NullFactory::Create(v);
-  return Made(code, v);
-}
-inline ValuePtr Int(long long n) {
-  std::shared_ptr<INumber> v;
-  std::error_code code = NumberFactory::Create(v, n);
-  return Made(code, v);
-}
-inline ValuePtr UInt(unsigned long long n) {
-  std::shared_ptr<INumber> v;
-  std::error_code code = NumberFactory::Create(v, n);
-  return Made(code, v);
-}
-inline ValuePtr Bool(bool b) {
-  std::shared_ptr<INumber> v;
-  std::error_code code = NumberFactory::Create(v, b);
-  return Made(code, v);
-}
-inline ValuePtr Double(double d) {
-  std::shared_ptr<INumber> v;
-  std::error_code code = NumberFactory::Create(v, d);
-  return Made(code, v);
-}
-inline ValuePtr Str(const std::string& text) {
-  std::shared_ptr<IString> v;
-  std::error_code code = StringFactory::Create(v, text);
-  return Made(code, v);
-}
+inline ValuePtr Null() { return Make<INull, NullFactory>(); }
+inline ValuePtr Int(long long n) { return Make<INumber, NumberFactory>(n); }
+inline ValuePtr UInt(unsigned long long n) { return Make<INumber, NumberFactory>(n); }
+inline ValuePtr Bool(bool b) { return Make<INumber, NumberFactory>(b); }
+inline ValuePtr Double(double d) { return Make<INumber, NumberFactory>(d); }
+inline ValuePtr Str(const std::string& text) { return Make<IString, StringFactory>(text); }
+inline ValuePtr DateAt(long seconds) { return Make<IDate, DateFactory>(seconds); }
+inline ValuePtr Uuid(const UUIDBytes& bytes) { return Make<IUUID, UUIDFactory>(bytes); }
 inline ValuePtr DataOf(const Bytes& bytes) {
-  static const unsigned char kNone = 0;
-  std::shared_ptr<IData> v;
-  std::error_code code =
-      DataFactory::Create(v, bytes.empty() ? &kNone : bytes.data(), bytes.size());
-  return Made(code, v);
-}
-inline ValuePtr DateAt(long seconds) {
-  std::shared_ptr<IDate> v;
-  std::error_code code = DateFactory::Create(v, seconds);
-  return Made(code, v);
-}
-inline ValuePtr Uuid(const UUIDBytes& bytes) {
-  std::shared_ptr<IUUID> v;
-  std::error_code code = UUIDFactory::Create(v, bytes);
-  return Made(code, v);
+  static const unsigned char kNone = 0;  // the factory wants a pointer even for no bytes
+  return Make<IData, DataFactory>(bytes.empty() ? &kNone : bytes.data(),
+                                  static_cast<unsigned long>(bytes.size()));
 }
 inline ValuePtr ArrayOf(std::initializer_list<ValuePtr> elements) {
   std::shared_ptr<IArray> array;
