@@ -13,20 +13,23 @@ namespace {
 class QssConfigTest : public QssFixture {
  protected:
   static constexpr const char* kFile = "/tmp/EmbeddedDomain/CF/com.qelvarin.configurations";
+  static constexpr const char* kSaved = "/tmp/EmbeddedDomain/CF/com.qelvarin.configurations.saved";
 
   void SetUp() override {
     QssFixture::SetUp();
-    saved_ = InRoot("saved-configurations");
     std::error_code error;
-    std::filesystem::rename(kFile, saved_, error);
+    std::filesystem::rename(kFile, kSaved, error);
     hadFile_ = !error;
+    ASSERT_TRUE(hadFile_ || error == std::errc::no_such_file_or_directory) << error.message();
+    setAside_ = true;
   }
 
   void TearDown() override {
+    // When setting aside failed, the machine's file was never touched.
     std::error_code error;
-    if (hadFile_) {
-      std::filesystem::rename(saved_, kFile, error);
-    } else {
+    if (setAside_ && hadFile_) {
+      std::filesystem::rename(kSaved, kFile, error);
+    } else if (setAside_) {
       std::filesystem::remove(kFile, error);
     }
     QssFixture::TearDown();
@@ -38,8 +41,8 @@ class QssConfigTest : public QssFixture {
     return QssPlain(all);
   }
 
-  std::string saved_;
   bool hadFile_ = false;
+  bool setAside_ = false;
 };
 
 TEST_F(QssConfigTest, CurrentStartsAtThreeAndFollowsSet) {

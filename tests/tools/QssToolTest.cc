@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <filesystem>
 #include <string>
 #include <thread>
