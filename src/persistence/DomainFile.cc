@@ -33,6 +33,7 @@ std::error_code DumpFailure() {
 }
 
 std::string TemporaryPath(const std::string& path) { return path + kTemporaryFileSuffix; }
+std::string FirstWritePath(const std::string& path) { return path + kFirstWriteFileSuffix; }
 
 // T alone is the new tree of a write that stopped after removing P: finishing
 // the rename completes that write. `found` is false when there is neither.
@@ -158,18 +159,24 @@ std::error_code ReplaceDomainBytes(IFileSystem& files, const std::string& path,
     return code;
   }
 
-  const std::string temporary = TemporaryPath(path);
+  // With no P, a T cut short by a crash would be alone and promoted as if whole;
+  // the first tree is therefore written under another name and renamed into
+  // place only once complete.
+  const std::string temporary = found ? TemporaryPath(path) : FirstWritePath(path);
   if (std::error_code code = PrepareTemporary(files, temporary, envelope); code != kSuccess) {
     return code;
   }
   // From here on T is whole: whichever step fails, the next read finds the old
   // P, or T alone and promotes it.
-  if (files.Exists(path)) {
+  if (found && files.Exists(path)) {
     if (std::error_code code = files.Remove(path); code != kSuccess) {
       return Report("remove", "Failed to remove file.", code);
     }
   }
   if (std::error_code code = files.Rename(temporary, path); code != kSuccess) {
+    // A first tree left under its own name would never be read: the domain is
+    // still missing, as the caller is told.
+    if (!found) (void)files.Remove(temporary);
     return Report("rename", "Failed to rename file.", code);
   }
   if (std::error_code code =

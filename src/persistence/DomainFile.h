@@ -8,10 +8,12 @@
 //
 //   P             envelope(byte form of the tree); mode 0640, group 0
 //   P "xyzzyx"    the temporary file of a write in progress
+//   P "xyzzyx.new" the first tree of a domain, before it becomes P
 //
-// and the states they move through: absent; P; P and T (writing); T (old file
-// removed, rename pending); P again. T alone always holds a complete, synced
-// envelope, which is why a reader that finds no P renames T into place.
+// and the states they move through: absent (perhaps with a left-over first
+// write, which no reader looks at); P; P and T (writing); T (old file removed,
+// rename pending); P again. T alone always holds a complete, synced envelope,
+// which is why a reader that finds no P renames T into place.
 
 #include <cstdint>
 #include <memory>
@@ -26,6 +28,7 @@ namespace QelSS {
 
 inline constexpr uint64_t kMaxDomainFileSize = 32'000'000;
 inline constexpr const char* kTemporaryFileSuffix = "xyzzyx";
+inline constexpr const char* kFirstWriteFileSuffix = "xyzzyx.new";
 
 // Codes and reports as IStorage::ReadSettings; `out` is set on success only.
 [[nodiscard]] std::error_code ReadDomainFile(platform::IFileSystem& files, const std::string& path,

@@ -118,17 +118,18 @@ TEST_F(StorageFaultTest, EveryFailedStepLeavesOneWholeTree) {
 }
 
 // With no old file a half-written temporary file would be promoted by the next
-// read; a failed write takes it away, so the domain is simply still missing.
+// read; a first write that fails leaves the domain simply still missing, and
+// the next write stores it.
 TEST_F(StorageFaultTest, FailedFirstWriteLeavesNothingToPromote) {
   for (FileCall call : {FileCall::kWriteTemporary, FileCall::kSyncTemporary,
-                        FileCall::kCloseTemporary, FileCall::kSyncDirectory}) {
+                        FileCall::kCloseTemporary, FileCall::kSyncDirectory, FileCall::kRename}) {
     files_->Fail(call, EIO, 0, /*writeBudget=*/100);
-    EXPECT_EQ(FaultyWrite(new_), make_error_code(kFileWriteError));
+    EXPECT_NE(FaultyWrite(new_), make_error_code(kSuccess));
     EXPECT_FALSE(Exists(temporary()));
     EXPECT_EQ(ReadAfterwards().code, make_error_code(kDomainNotOpen));
   }
-  files_->Fail(FileCall::kRename, EIO);
-  EXPECT_EQ(FaultyWrite(new_), Errno(EIO));
+  files_->Heal();
+  ASSERT_EQ(FaultyWrite(new_), make_error_code(kSuccess));
   const auto read = ReadAfterwards();
   ASSERT_EQ(read.code, make_error_code(kSuccess));
   EXPECT_TRUE(SameTree(read.tree, new_));
@@ -295,6 +296,54 @@ TEST(StorageKillTest, ReadAfterKillFindsTheLastOrTheNextTree) {
             << " with a temporary file present, " << stored << " trees written, " << advanced
             << " kills after progress\n";
   EXPECT_GT(stored, 0) << "the writer never got a tree stored";
+}
+
+// The first tree of a domain has no old file to fall back on: a writer that
+// dies at any step finds the domain still missing or whole, never damaged.
+TEST(StorageKillTest, FirstWriteCutShortAnywhereLeavesTheDomainMissingOrWhole) {
+  struct Death {
+    FileCall call;
+    int skip;
+    size_t writeBudget;
+  };
+  const Death deaths[] = {
+      {FileCall::kOpenTemporary, 0, 0},    {FileCall::kWriteTemporary, 0, 0},
+      {FileCall::kWriteTemporary, 0, 100}, {FileCall::kSyncTemporary, 0, 0},
+      {FileCall::kCloseTemporary, 0, 0},   {FileCall::kSyncDirectory, 0, 0},
+      {FileCall::kRename, 0, 0},           {FileCall::kSetPermissions, 0, 0},
+      {FileCall::kSyncDirectory, 1, 0},
+  };
+  const std::shared_ptr<IHash> tree = TreeFor(4);
+  int missing = 0;
+  for (const Death& death : deaths) {
+    testing::ScopedTempDir dir;
+    const std::string path = dir / "settings";
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      auto files = std::make_shared<FaultyFileSystem>();
+      files->Die(death.call, death.skip, death.writeBudget);
+      Storage storage(files);
+      (void)testing::Write(storage, path, tree);
+      ::_exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == FaultyFileSystem::kDiedExitCode)
+        << "call " << static_cast<int>(death.call) << " was never reached";
+
+    Storage reader;
+    const auto read = testing::Read(reader, path);
+    if (read.code == make_error_code(kDomainNotOpen)) {
+      ++missing;
+      ASSERT_EQ(testing::Write(reader, path, tree), make_error_code(kSuccess));
+      ASSERT_TRUE(SameTree(testing::Read(reader, path).tree, tree));
+      continue;
+    }
+    ASSERT_EQ(read.code, make_error_code(kSuccess)) << "call " << static_cast<int>(death.call);
+    EXPECT_TRUE(SameTree(read.tree, tree));
+  }
+  EXPECT_EQ(missing, 7) << "dying up to the rename leaves nothing; after it, the whole tree";
 }
 
 }  // namespace

@@ -203,6 +203,12 @@ class FaultyFileSystem : public platform::FileSystemWrapper {
     skip_ = skip;
     writeBudget_ = writeBudget;
   }
+  // Instead of failing, the process ends at once (as if killed) at that call,
+  // a write after letting `writeBudget` bytes through.
+  void Die(FileCall call, int skip = 0, size_t writeBudget = 0) {
+    Fail(call, EIO, skip, writeBudget);
+    die_ = true;
+  }
   void Heal() { armed_ = false; }
   const std::vector<FileCall>& log() const { return log_; }
   int Count(FileCall call) const {
@@ -229,7 +235,7 @@ class FaultyFileSystem : public platform::FileSystemWrapper {
   std::error_code Write(int fd, std::span<const uint8_t> data, size_t& count) override {
     log_.push_back(FileCall::kWriteTemporary);
     if (armed_ && fault_ == FileCall::kWriteTemporary) {
-      if (writeBudget_ == 0) return Errno(error_);
+      if (writeBudget_ == 0) return Stop();
       data = data.first(std::min(data.size(), writeBudget_));
       std::error_code code = FileSystemWrapper::Write(fd, data, count);
       if (code == kSuccess) writeBudget_ -= count;
@@ -276,10 +282,20 @@ class FaultyFileSystem : public platform::FileSystemWrapper {
       --skip_;
       return false;
     }
+    if (die_) ::_exit(kDiedExitCode);
     return true;
   }
+  std::error_code Stop() {
+    if (die_) ::_exit(kDiedExitCode);
+    return Errno(error_);
+  }
 
+ public:
+  static constexpr int kDiedExitCode = 86;
+
+ private:
   bool armed_ = false;
+  bool die_ = false;
   FileCall fault_ = FileCall::kStat;
   int error_ = EIO;
   int skip_ = 0;
