@@ -114,7 +114,11 @@ LocalDomainSetting::LocalDomainSetting(const std::string& name, bool createWhenM
 }
 
 LocalDomainSetting::~LocalDomainSetting() {
-  // First: waits out an exit flusher under way, and none starts afterwards.
+  // The last reference may go on another thread (a timer tick's) while the
+  // process exits; its flusher then finds nothing to save, so exit must wait
+  // for this save instead, or it would end the process in the middle of it.
+  KeepAlive::ExitGuard exiting(std::chrono::seconds(kFinalSaveSeconds + 1));
+  // Then: waits out an exit flusher under way, and none starts afterwards.
   if (exitFlusher_ != 0) KeepAlive::UnregisterExitFlusher(exitFlusher_);
   FinalSave();
   if (keepAlive_ != 0) KeepAlive::End(keepAlive_);

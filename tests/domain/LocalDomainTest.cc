@@ -445,6 +445,12 @@ TEST_F(LocalDomainTest, ProcessThatExitsNormallyHasSavedItsCommits) {
   EXPECT_EQ(RunChild({"expect", folder_.path(), "Alerts", "n", "42"}), 5);
 }
 
+// The last reference goes on another thread, whose save exit must wait for.
+TEST_F(LocalDomainTest, ProcessThatExitsDuringTheLastSaveOnAnotherThreadWaitsForIt) {
+  EXPECT_EQ(RunChild({"handoff", folder_.path(), "Alerts", "n", "7"}), 0);
+  EXPECT_EQ(RunChild({"expect", folder_.path(), "Alerts", "n", "7"}), 0);
+}
+
 TEST_F(LocalDomainTest, ProcessKilledWhileSavingLeavesAReadableFile) {
   Child child = Start({"churn", folder_.path(), "Alerts", "n"});
   ASSERT_GT(child.pid, 0);

@@ -167,5 +167,44 @@ TEST(ExitFlushers, AForkedChildDoesNotRunItsParentsFlushers) {
   EXPECT_EQ(Contents(log), "parent");
 }
 
+TEST(ExitGuards, ExitWaitsForWorkAnotherThreadStillDoes) {
+  ScopedTempDir temp;
+  const std::string log = temp / "log";
+  const ChildResult result = ExitNormally(
+      [&] {
+        static std::atomic<bool> guarded{false};
+        std::thread([&] {
+          KeepAlive::ExitGuard guard(10s);
+          guarded = true;
+          std::this_thread::sleep_for(300ms);
+          Append(log, "saved");
+        }).detach();
+        while (!guarded) std::this_thread::yield();
+      },
+      4);
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(Contents(log), "saved");
+}
+
+TEST(ExitGuards, AnOverrunningGuardEndsTheProcessAtItsDeadline) {
+  const auto started = std::chrono::steady_clock::now();
+  const ChildResult result = ExitNormally(
+      [&] {
+        static std::atomic<bool> guarded{false};
+        std::thread([&] {
+          KeepAlive::ExitGuard guard(200ms);
+          guarded = true;
+          std::this_thread::sleep_for(1h);
+        }).detach();
+        while (!guarded) std::this_thread::yield();
+        // An ended guard holds nothing up.
+        KeepAlive::ExitGuard{1h};
+      },
+      6);
+  ASSERT_TRUE(result.finished);
+  EXPECT_EQ(result.exitCode, 6);
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 30s);
+}
+
 }  // namespace
 }  // namespace QelSS::platform

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <system_error>
 #include <thread>
 #include <unordered_set>
@@ -27,15 +28,23 @@ struct Flusher {
   std::thread::id runner;
 };
 
+struct Guard {
+  std::chrono::steady_clock::time_point deadline;
+  pid_t owner = 0;
+};
+
 struct Registry {
   std::mutex mutex;
   std::condition_variable flusherFinished;
+  std::condition_variable guardEnded;
 
   // Guarded by mutex.
   std::unordered_set<KeepAlive::Token> held;
   KeepAlive::Token nextToken = 1;  // 0 stands for "no keep-alive" in callers
   std::map<unsigned long, std::shared_ptr<Flusher>> flushers;
   unsigned long nextId = 1;
+  std::map<unsigned long, Guard> guards;
+  unsigned long nextGuard = 1;
 };
 
 // Never destroyed: the exit handler and late Unregister calls from static
@@ -118,6 +127,22 @@ void Release(const std::shared_ptr<Flusher>& flusher) {
   TheRegistry().flusherFinished.notify_all();
 }
 
+// False when a guard of this process outlived its deadline.
+bool WaitForGuards() {
+  Registry& registry = TheRegistry();
+  const pid_t self = getpid();
+  std::unique_lock<std::mutex> lock(registry.mutex);
+  for (;;) {
+    std::optional<std::chrono::steady_clock::time_point> latest;
+    for (const auto& [id, guard] : registry.guards) {
+      if (guard.owner == self && (!latest || guard.deadline > *latest)) latest = guard.deadline;
+    }
+    if (!latest) return true;
+    if (std::chrono::steady_clock::now() >= *latest) return false;
+    registry.guardEnded.wait_until(lock, *latest);
+  }
+}
+
 void RunExitFlushers(int status, void* /*unused*/) {
   bool overran = false;
   for (const std::shared_ptr<Flusher>& flusher : FlushersOfThisProcess()) {
@@ -128,6 +153,7 @@ void RunExitFlushers(int status, void* /*unused*/) {
       overran = true;
     }
   }
+  if (!WaitForGuards()) overran = true;
   if (overran) {
     // A flusher that overran is still running and may hold locks or use objects
     // that the rest of exit would destroy under it; ending now is the only way
@@ -196,6 +222,23 @@ void KeepAlive::UnregisterExitFlusher(unsigned long id) {
   lock.unlock();
   // `flusher` may hold the last reference to what the function captured; it is
   // released here, outside the lock.
+}
+
+KeepAlive::ExitGuard::ExitGuard(std::chrono::milliseconds limit) {
+  InstallExitHandlerOnce();
+  Registry& registry = TheRegistry();
+  std::lock_guard<std::mutex> lock(registry.mutex);
+  id_ = registry.nextGuard++;
+  registry.guards.emplace(id_, Guard{std::chrono::steady_clock::now() + limit, getpid()});
+}
+
+KeepAlive::ExitGuard::~ExitGuard() {
+  Registry& registry = TheRegistry();
+  {
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    registry.guards.erase(id_);
+  }
+  registry.guardEnded.notify_all();
 }
 
 }  // namespace QelSS::platform

@@ -37,6 +37,24 @@ class KeepAlive {
   static unsigned long RegisterExitFlusher(std::function<void()> flusher,
                                            std::chrono::milliseconds limit);
   static void UnregisterExitFlusher(unsigned long id);
+
+  // Work that normal exit waits for, at most `limit` from the guard's start,
+  // although no flusher covers it: such as the last save of an object that
+  // another thread destroys while the process exits. Take the guard before
+  // unregistering the flusher it replaces, so that exit never finds neither.
+  // Exit waits after running the flushers; a guard that overruns ends the
+  // process as an overrunning flusher does. Guards of the process's parent are
+  // not waited for. Thread-safe; not copyable.
+  class ExitGuard {
+   public:
+    explicit ExitGuard(std::chrono::milliseconds limit);
+    ~ExitGuard();
+    ExitGuard(const ExitGuard&) = delete;
+    ExitGuard& operator=(const ExitGuard&) = delete;
+
+   private:
+    unsigned long id_;
+  };
 };
 
 }  // namespace QelSS::platform
