@@ -12,23 +12,25 @@ namespace QelSS::byteform {
 namespace {
 
 // Built on first use rather than at load, so that a static initialiser elsewhere
-// that serialises a value can never see them half made.
+// that serialises a value can never see them half made; and never destroyed,
+// because a domain's last save may still run on another thread while exit
+// destroys the statics made after it began.
 const std::map<uint32_t, std::string>& NamesByType() {
-  static const std::map<uint32_t, std::string> names{
+  static const auto* names = new std::map<uint32_t, std::string>{
       {kValueTypeNull, "NULL"},   {kValueTypeNumber, "Number"}, {kValueTypeString, "String"},
       {kValueTypeData, "Data"},   {kValueTypeDate, "Date"},     {kValueTypeUUID, "UUID"},
       {kValueTypeArray, "Array"}, {kValueTypeHash, "Hash"},
   };
-  return names;
+  return *names;
 }
 
 const std::map<std::string, uint32_t, std::less<>>& TypesByName() {
-  static const std::map<std::string, uint32_t, std::less<>> types = [] {
-    std::map<std::string, uint32_t, std::less<>> inverse;
-    for (const auto& [type, name] : NamesByType()) inverse.emplace(name, type);
+  static const auto* types = [] {
+    auto* inverse = new std::map<std::string, uint32_t, std::less<>>;
+    for (const auto& [type, name] : NamesByType()) inverse->emplace(name, type);
     return inverse;
   }();
-  return types;
+  return *types;
 }
 
 [[noreturn]] void ThrowKeyNotFound() { throw std::out_of_range("map::at:  key not found"); }
