@@ -2,6 +2,7 @@
 
 #include "api/FacadeReport.h"
 #include "domain/IDomainSettingInternal.h"
+#include "domain/LocalDomainSetting.h"
 #include "qelss/ipc/DomainUtil.h"
 #include "qelss/values/ErrorCode.h"
 
@@ -22,6 +23,17 @@ std::error_code QSSDomain::CopySettings(std::shared_ptr<IHash>& settings) const 
     return rc;
   } catch (...) {
     return ReportFacadeException("CopySettings");
+  }
+}
+
+std::error_code QSSDomain::Save(unsigned waitSeconds) const {
+  try {
+    if (!domain_) return make_error_code(kDomainNotOpen);
+    auto* local = dynamic_cast<LocalDomainSetting*>(domain_.get());
+    if (!local) return make_error_code(kSuccess);
+    return local->SaveSettings(waitSeconds);
+  } catch (...) {
+    return ReportFacadeException("Save");
   }
 }
 

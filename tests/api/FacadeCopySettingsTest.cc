@@ -1,5 +1,9 @@
-// The facade's copy of a whole settings tree, which tools list and export.
+// What tools need beyond an application's reads and writes: the copy of a
+// whole settings tree, which they list and export, and saving at once.
 
+#include <sys/stat.h>
+
+#include <filesystem>
 #include <fstream>
 #include <memory>
 
@@ -53,6 +57,39 @@ TEST(FacadeCopySettingsTest, AFacadeWithoutADomainHasNothingToCopy) {
   const std::shared_ptr<IHash> before = copy;
   EXPECT_EQ(facade->CopySettings(copy), Code(kDomainNotOpen));
   EXPECT_EQ(copy, before);
+}
+
+TEST(FacadeSaveTest, SaveWritesCommitsAtOnceAndReportsAWriteThatFails) {
+  testing::ScopedTempDir folder;
+  const std::string file = folder / "com.qelvarin.saves";
+  std::shared_ptr<QSSDomain> facade;
+  ASSERT_EQ(QSSDomain::Create(facade, "saves", "save-test", folder.path().c_str(), true),
+            Code(kSuccess));
+  ASSERT_EQ(facade->SetCommit("/n", 1LL), Code(kSuccess));
+  EXPECT_FALSE(std::filesystem::exists(file)) << "written before the quiet period ended";
+  ASSERT_EQ(facade->Save(), Code(kSuccess));
+  ASSERT_TRUE(std::filesystem::exists(file));
+  EXPECT_EQ(facade->Save(), Code(kSuccess)) << "nothing left to write";
+
+  // The temporary file's place is taken: the write cannot start.
+  const std::string blocked = file + "xyzzyx";
+  ASSERT_EQ(::mkdir(blocked.c_str(), 0700), 0);
+  std::ofstream(blocked + "/inside") << "x";
+  const auto before = std::filesystem::last_write_time(file);
+  ASSERT_EQ(facade->SetCommit("/n", 2LL), Code(kSuccess));
+  EXPECT_EQ(facade->Save(), Code(kFileWriteError));
+  EXPECT_EQ(std::filesystem::last_write_time(file), before);
+
+  // Still pending, so the next save writes it.
+  ASSERT_EQ(std::filesystem::remove_all(blocked), 2u);
+  EXPECT_EQ(facade->Save(), Code(kSuccess));
+  EXPECT_NE(std::filesystem::last_write_time(file), before);
+
+  std::shared_ptr<QSSDomain> unopened;
+  std::ofstream(folder / "plain") << "not a folder";
+  ASSERT_EQ(QSSDomain::Create(unopened, "saves", "save-test", (folder / "plain/sub").c_str(), true),
+            Code(kDirectoryError));
+  EXPECT_EQ(unopened->Save(), Code(kDomainNotOpen));
 }
 
 }  // namespace

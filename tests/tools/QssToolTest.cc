@@ -256,6 +256,20 @@ TEST_F(QssTest, ADamagedDomainFileIsReportedAndLeftAlone) {
   EXPECT_EQ(ReadFile(DomainFile("prefs")), damaged);
 }
 
+// Success means on disk: a commit the domain cannot write is a failure.
+TEST_F(QssTest, AChangeThatCannotReachTheDiskFails) {
+  Succeed({"write", "prefs", "/a", "int", "1"});
+  const std::string blocker = DomainFile("prefs") + "xyzzyx";
+  std::filesystem::create_directories(blocker + "/inside");
+  for (const auto& command : std::vector<std::vector<std::string>>{
+           {"write", "prefs", "/a", "int", "2"}, {"delete", "prefs", "/a"}}) {
+    ExpectFailure(Qss(command), kFailure,
+                  {"cannot be written to " + DomainFile("prefs"), "kFileWriteError (362)"});
+  }
+  std::filesystem::remove_all(blocker);
+  EXPECT_EQ(Succeed({"read", "prefs", "/a"}), "1\n");
+}
+
 TEST_F(QssTest, UnusableFoldersAreReported) {
   WriteFile(InRoot("file"), "not a folder");
   const Outcome run = RunQss(

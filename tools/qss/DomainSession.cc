@@ -164,10 +164,11 @@ Status CheckKeyPath(const std::string& path) {
   return Status::Ok();
 }
 
-DomainSession::DomainSession(const DomainOptions& options, std::string name,
+DomainSession::DomainSession(const DomainOptions& options, std::string name, std::string file,
                              std::unique_ptr<FolderLock> lock, std::shared_ptr<QSSDomain> facade)
     : options_(options),
       name_(std::move(name)),
+      file_(std::move(file)),
       lock_(std::move(lock)),
       facade_(std::move(facade)) {}
 
@@ -191,7 +192,8 @@ Status DomainSession::Open(const DomainOptions& options, const std::string& name
   const std::error_code opened =
       QSSDomain::Create(facade, id.c_str(), kIdentity, options.folder.c_str(), !options.service);
   if (!Succeeded(opened)) return OpenFailure(options, name, id, opened);
-  out.reset(new DomainSession(options, name, std::move(lock), std::move(facade)));
+  out.reset(new DomainSession(options, name, LocalDomainFile(options.folder, id), std::move(lock),
+                              std::move(facade)));
   return Status::Ok();
 }
 
@@ -231,11 +233,24 @@ Status DomainSession::CommitFailure(const std::string& what, std::error_code cod
   return Status::Failure(what, code, "");
 }
 
+// A commit is only in memory until the domain writes it; the command reports
+// success once it is on disk.
+Status DomainSession::Save() const {
+  const std::error_code saved = facade_->Save();
+  if (Succeeded(saved)) return Status::Ok();
+  if (saved == Code(kTimeout)) {
+    return Status::Failure("the change to domain " + name_ + " was not written within 20 seconds",
+                           saved, "check " + file_ + " later; the write is still under way");
+  }
+  return Status::Failure("the change to domain " + name_ + " cannot be written to " + file_, saved,
+                         "check the free space and permissions of " + options_.folder);
+}
+
 Status DomainSession::Write(const std::string& path, const std::shared_ptr<IValue>& value) {
   if (Status valid = CheckKeyPath(path); !valid.ok()) return valid;
   const std::error_code written = facade_->SetCommit(path.c_str(), value);
   if (!Succeeded(written)) return CommitFailure("cannot write " + path, written);
-  return Status::Ok();
+  return Save();
 }
 
 Status DomainSession::Delete(const std::string& path) {
@@ -243,7 +258,7 @@ Status DomainSession::Delete(const std::string& path) {
   if (Status found = Read(path, present); !found.ok()) return found;
   const std::error_code deleted = facade_->DeleteAndCommit(path.c_str());
   if (!Succeeded(deleted)) return CommitFailure("cannot delete " + path, deleted);
-  return Status::Ok();
+  return Save();
 }
 
 Status DomainSession::Import(const std::shared_ptr<IHash>& tree, bool replace) {
@@ -290,7 +305,7 @@ Status DomainSession::Import(const std::shared_ptr<IHash>& tree, bool replace) {
   }
   if (Succeeded(result)) result = facade_->CommitTransaction();
   if (!Succeeded(result)) return CommitFailure("cannot import into domain " + name_, result);
-  return Status::Ok();
+  return Save();
 }
 
 }  // namespace QelSS::Qss

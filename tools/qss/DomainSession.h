@@ -58,14 +58,16 @@ class DomainSession {
   const std::string& name() const { return name_; }
 
  private:
-  DomainSession(const DomainOptions& options, std::string name, std::unique_ptr<FolderLock> lock,
-                std::shared_ptr<QSSDomain> facade);
+  DomainSession(const DomainOptions& options, std::string name, std::string file,
+                std::unique_ptr<FolderLock> lock, std::shared_ptr<QSSDomain> facade);
 
   Status CommitFailure(const std::string& what, std::error_code code) const;
+  Status Save() const;
   std::string ListHint() const;
 
   DomainOptions options_;
   std::string name_;
+  std::string file_;  // the local domain's file
   // Declared before the facade so that it is released after it: the domain
   // writes its file while it goes.
   std::unique_ptr<FolderLock> lock_;

@@ -81,6 +81,18 @@ class QELSS_EXPORT QSSDomain final : public IQSSDomain {
   //   other              the failure of the copy (kAllocationFailed, ...)
   [[nodiscard]] std::error_code CopySettings(std::shared_ptr<IHash>& settings) const;
 
+  // Writes a local domain's committed changes to its file now rather than
+  // after the quiet period or at exit, waiting at most `waitSeconds`: for
+  // callers, such as command-line tools, that must report whether a change
+  // reached the disk. Thread-safe; never call it from a block the domain runs.
+  //   kSuccess           written, or nothing was waiting to be written; also
+  //                      for a domain the settings service keeps
+  //   kDomainNotOpen     opening the domain failed
+  //   kTimeout           the write did not end in time; it still lands later
+  //   other              the write's failure (kFileWriteError, ...); the
+  //                      changes stay pending and are written again later
+  [[nodiscard]] std::error_code Save(unsigned waitSeconds = 20) const;
+
   struct ConstructionKey {
     explicit ConstructionKey() = default;
   };
