@@ -1,6 +1,7 @@
 #include "persistence/DomainFile.h"
 
 #include "persistence/Envelope.h"
+#include "persistence/ReadBackCheck.h"
 #include "platform/support/ScopedFile.h"
 #include "qelss/values/ErrorCode.h"
 #include "qelss/values/HashFactory.h"
@@ -195,6 +196,11 @@ std::error_code WriteDomainFile(IFileSystem& files, const std::string& path,
   if (path.empty() || !hash) return kInvalidArgument;
   std::vector<uint8_t> bytes;
   if (std::error_code code = hash->Serialize(bytes); code != kSuccess) {
+    return Report("WriteSettings", "Error serializing IHash to objectBytes", code);
+  }
+  // Bytes the reader refuses would replace a readable file: the write fails
+  // instead, and the old tree stays.
+  if (std::error_code code = CheckReadBack(bytes); code != kSuccess) {
     return Report("WriteSettings", "Error serializing IHash to objectBytes", code);
   }
   std::vector<uint8_t> envelope;

@@ -268,6 +268,12 @@ TEST_F(QssTest, AChangeThatCannotReachTheDiskFails) {
   }
   std::filesystem::remove_all(blocker);
   EXPECT_EQ(Succeed({"read", "prefs", "/a"}), "1\n");
+
+  std::string deep;
+  for (int i = 0; i < 300; ++i) deep += "/level";
+  ExpectFailure(Qss({"write", "prefs", deep, "int", "1"}), kFailure,
+                {"cannot keep the change", "kSerializationError (351)"});
+  EXPECT_EQ(Succeed({"read", "prefs", "/a"}), "1\n");
 }
 
 TEST_F(QssTest, UnusableFoldersAreReported) {

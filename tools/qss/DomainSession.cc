@@ -238,6 +238,12 @@ Status DomainSession::CommitFailure(const std::string& what, std::error_code cod
 Status DomainSession::Save() const {
   const std::error_code saved = facade_->Save();
   if (Succeeded(saved)) return Status::Ok();
+  if (saved == Code(kSerializationError)) {
+    return Status::Failure("domain " + name_ +
+                               " cannot keep the change: its file could not be "
+                               "read back (nesting too deep, or text a domain cannot hold)",
+                           saved, "store the value less deeply nested, or as data");
+  }
   if (saved == Code(kTimeout)) {
     return Status::Failure("the change to domain " + name_ + " was not written within 20 seconds",
                            saved, "check " + file_ + " later; the write is still under way");
