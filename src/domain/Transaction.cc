@@ -1,6 +1,7 @@
 #include "domain/Transaction.h"
 
 #include <utility>
+#include <vector>
 
 #include "domain/DomainRoot.h"
 #include "domain/RecordKeys.h"
@@ -12,6 +13,7 @@
 #include "qelss/values/NumberFactory.h"
 #include "qelss/values/StringFactory.h"
 #include "values/KeyPath.h"
+#include "values/StorableText.h"
 
 namespace QelSS {
 namespace {
@@ -84,8 +86,26 @@ std::error_code Transaction::Delete(const std::string& path) {
   });
 }
 
+namespace {
+
+// Refused here, where the caller learns of it, rather than when the domain's
+// file is written: a file its reader refuses would lose the whole domain.
+// Below the file's top sit the root and the settings tree.
+std::error_code CheckStorablePath(const std::string& path, const std::shared_ptr<IValue>& value) {
+  const std::vector<std::string> components = KeyPath::Split(path);
+  for (const std::string& component : components) {
+    if (!IsStorableText(component)) return kInvalidArgument;
+  }
+  return CheckStorable(value, kMaxStorableDepth - 2 - static_cast<int>(components.size()));
+}
+
+}  // namespace
+
 std::error_code Transaction::Set(const std::string& path, const std::shared_ptr<IValue>& value) {
   if (path.empty() || !value) return kInvalidArgument;
+  if (std::error_code storable = CheckStorablePath(path, value); storable != kSuccess) {
+    return storable;
+  }
   return RunOnQueue([&]() -> std::error_code {
     std::shared_ptr<IHash> tree;
     if (std::error_code got = GetTree(tree); got != kSuccess) return got;

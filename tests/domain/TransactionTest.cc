@@ -3,6 +3,8 @@
 #include "DomainTestSupport.h"
 #include "domain/ChangeRecord.h"
 #include "domain/Transaction.h"
+#include "qelss/values/ArrayFactory.h"
+#include "qelss/values/HashFactory.h"
 
 namespace QelSS {
 namespace {
@@ -81,6 +83,40 @@ TEST_F(TransactionTest, RefusedChangesLeaveNoRecord) {
   EXPECT_EQ(root_->Delete(RecordKeys::kInternalSettings), kSuccess);
   EXPECT_EQ(transaction->Delete("level"), kNotFound);
   EXPECT_FALSE(Internal(transaction).HasChanges());
+}
+
+// What the domain's file could not carry is refused before it is recorded.
+TEST_F(TransactionTest, ValuesADomainFileCannotKeepAreRefused) {
+  auto transaction = Make();
+  auto nested = [](int levels, std::shared_ptr<IValue> bottom) {
+    for (int i = 0; i < levels; ++i) {
+      std::shared_ptr<IHash> hash;
+      EXPECT_EQ(HashFactory::Create(hash), kSuccess);
+      EXPECT_EQ(hash->Set("in", bottom), kSuccess);
+      bottom = hash;
+    }
+    return bottom;
+  };
+  std::shared_ptr<IArray> array;
+  ASSERT_EQ(ArrayFactory::Create(array), kSuccess);
+  ASSERT_EQ(array->Append(nested(2, Text("bad \x01"))), kSuccess);
+  std::shared_ptr<IHash> badKey;
+  ASSERT_EQ(HashFactory::Create(badKey), kSuccess);
+  ASSERT_EQ(badKey->Set("k\xc3", Int(1)), kSuccess);
+
+  EXPECT_EQ(transaction->Set("a", Text("\xff")), kInvalidArgument);
+  EXPECT_EQ(transaction->Set("a", array), kInvalidArgument);
+  EXPECT_EQ(transaction->Set("a", badKey), kInvalidArgument);
+  EXPECT_EQ(transaction->Set("a/\x1b/b", Int(1)), kInvalidArgument);
+  std::string deep;
+  for (int i = 0; i < 190; ++i) deep += "/d";
+  EXPECT_EQ(transaction->Set(deep, nested(8, Int(1))), kInvalidArgument);
+  EXPECT_FALSE(Internal(transaction).HasChanges());
+
+  // Up to the limit, and any text XML allows, are kept.
+  EXPECT_EQ(transaction->Set(deep, nested(7, Int(1))), kSuccess);
+  EXPECT_EQ(transaction->Set("t", Text("tab\t \xe2\x82\xac \xf0\x9f\x99\x82")), kSuccess);
+  EXPECT_EQ(Changes(transaction).size(), 2u);
 }
 
 TEST_F(TransactionTest, RecordCarriesNameCountAndTheLiveChangeArray) {

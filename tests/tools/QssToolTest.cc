@@ -272,7 +272,7 @@ TEST_F(QssTest, AChangeThatCannotReachTheDiskFails) {
   std::string deep;
   for (int i = 0; i < 300; ++i) deep += "/level";
   ExpectFailure(Qss({"write", "prefs", deep, "int", "1"}), kFailure,
-                {"cannot keep the change", "kSerializationError (351)"});
+                {"a domain cannot keep it", "kInvalidArgument (204)"});
   EXPECT_EQ(Succeed({"read", "prefs", "/a"}), "1\n");
 }
 

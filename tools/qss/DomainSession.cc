@@ -222,6 +222,12 @@ Status DomainSession::CommitFailure(const std::string& what, std::error_code cod
     return Status::Failure(what + ": a level of the path holds a value that is not a hash", code,
                            ListHint() + ", or delete the value in the way first");
   }
+  if (code == Code(kInvalidArgument)) {
+    return Status::Failure(what +
+                               ": a domain cannot keep it, as it nests more than 200 levels "
+                               "deep or holds text a domain cannot keep",
+                           code, "store it less deeply nested");
+  }
   if (code == Code(kTransactionConflict)) {
     return Status::Failure(what + ": another client changed the same keys meanwhile", code,
                            "run the command again");
