@@ -86,6 +86,29 @@ TEST(Aes256Cbc, PaddingAlwaysAddsUpToOneBlock) {
   }
 }
 
+TEST(Aes256Cbc, WorksInPlace) {
+  for (size_t size : {0u, 5u, 16u, 40u}) {
+    const Bytes plain = Pattern(size);
+    Bytes expected;
+    ASSERT_EQ(Crypt(CipherDirection::kEncrypt, kKey, kIv, plain, expected), CryptStatus::kSuccess);
+
+    Bytes buffer = plain;
+    buffer.resize(Aes256CbcOutputSize(size));
+    size_t produced = 0;
+    ASSERT_EQ(Aes256CbcCrypt(CipherDirection::kEncrypt, kKey, kIv, std::span(buffer).first(size),
+                             buffer.data(), buffer.size(), &produced),
+              CryptStatus::kSuccess);
+    EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + produced), expected) << size;
+
+    buffer.resize(Aes256CbcOutputSize(produced));
+    ASSERT_EQ(
+        Aes256CbcCrypt(CipherDirection::kDecrypt, kKey, kIv, std::span(buffer).first(produced),
+                       buffer.data(), buffer.size(), &produced),
+        CryptStatus::kSuccess);
+    EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + produced), plain) << size;
+  }
+}
+
 TEST(Aes256Cbc, RejectsBadArgumentsAndBadCiphertext) {
   Bytes out;
   const Bytes shortKey(31, 1), shortIv(15, 1);
