@@ -25,15 +25,17 @@ bool Encrypt(detail::CbcContext& context, std::span<const uint8_t> input, uint8_
 
 // The number of pad bytes ending `block`, or 0 when they are not valid
 // PKCS#7 padding. Every byte is looked at whatever the pad length, so the time
-// taken says nothing about where the padding went wrong.
+// taken says nothing about where the padding went wrong; the loop has no
+// branch, so the compiler can check the block as one vector.
 size_t PadLength(const uint8_t* block) {
-  const unsigned pad = block[kAesBlockSize - 1];
-  unsigned bad = static_cast<unsigned>(pad == 0) | static_cast<unsigned>(pad > kAesBlockSize);
+  const uint8_t pad = block[kAesBlockSize - 1];
+  uint8_t wrong = 0;
   for (unsigned i = 0; i < kAesBlockSize; ++i) {
-    const unsigned inPad = static_cast<unsigned>(kAesBlockSize - i <= pad);
-    bad |= inPad & static_cast<unsigned>(block[i] != pad);
+    const auto inPad = static_cast<uint8_t>(0 - static_cast<unsigned>(i + pad >= kAesBlockSize));
+    wrong |= static_cast<uint8_t>(inPad & (block[i] ^ pad));
   }
-  return bad ? 0 : pad;
+  const bool valid = (wrong == 0) & (pad != 0) & (pad <= kAesBlockSize);
+  return valid ? pad : 0;
 }
 
 }  // namespace
