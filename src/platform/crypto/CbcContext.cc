@@ -46,7 +46,7 @@ bool CbcContext::Start(const uint8_t* key, const uint8_t* iv) noexcept {
 }
 
 bool CbcContext::Update(const uint8_t* in, size_t size, uint8_t* out) noexcept {
-  if (!keyed_ || size % kBlockSize != 0) return false;
+  if (!keyed_ || size % kBlockSize != 0 || (encrypt_ && in != out)) return false;
   if (size == 0) return true;
   // Decryption chains from the last input block, which working in place
   // overwrites.
@@ -56,13 +56,9 @@ bool CbcContext::Update(const uint8_t* in, size_t size, uint8_t* out) noexcept {
   bool ran = false;
   if (!adjustPending_) {
     ran = Run(in, size, out);
-  } else if (encrypt_ && in == out) {
+  } else if (encrypt_) {
     XorBlock(out, out, adjust_);
     ran = Run(out, size, out);
-  } else if (encrypt_) {
-    uint8_t first[kBlockSize];
-    XorBlock(first, in, adjust_);
-    ran = Run(first, kBlockSize, out) && Run(in + kBlockSize, size - kBlockSize, out + kBlockSize);
   } else {
     ran = Run(in, size, out);
     if (ran) XorBlock(out, out, adjust_);

@@ -37,8 +37,11 @@ class CbcContext {
   [[nodiscard]] bool Start(const uint8_t* key, const uint8_t* iv) noexcept;
 
   // Processes `size` bytes, a whole number of blocks, of the started message;
-  // successive calls continue the message. `out` may be `in` but must not
-  // overlap it otherwise. False when OpenSSL fails or nothing was started.
+  // successive calls continue the message. Encryption works in place only
+  // (`in` is `out`): the IV is folded into the first block where it lies.
+  // Decryption may write elsewhere, but not to a buffer that overlaps `in`
+  // otherwise. False when OpenSSL fails, the buffers break these rules or
+  // nothing was started.
   [[nodiscard]] bool Update(const uint8_t* in, size_t size, uint8_t* out) noexcept;
 
  private:
