@@ -10,10 +10,13 @@
 // every file, so equal payloads give equal files; confidentiality rests on the
 // key, integrity on the MAC.
 //
-// Reading checks, in order: input present, key available, IV, decryption (bad
+// Reading checks, in order: input present, key available, decryption (bad
 // padding surfaces here), MAC. The payload leaves only after the MAC matched.
 
 #include "persistence/Envelope.h"
+
+#include <algorithm>
+#include <array>
 
 #include "persistence/CaughtException.h"
 #include "persistence/CryptoTables.h"
@@ -43,34 +46,46 @@ std::error_code FileKey(std::span<const uint8_t>& key) {
   return kSuccess;
 }
 
-std::error_code IV(std::vector<uint8_t>& iv) {
-  std::error_code code = GetEnvelopeIV(iv);
-  if (code != kSuccess) return Report("iv", "Failed to get iv", code);
-  return code;
+using Iv = std::array<uint8_t, crypto::kAesBlockSize>;
+
+Iv BuildIV() {
+  Iv iv{};
+  for (size_t i = 0; i < iv.size(); ++i) {
+    uint8_t byte = kEnvelopeIvTableA[i] ^ kEnvelopeIvTableB[kEnvelopeIvTableB.size() - 1 - i];
+    if (i % 2 == 0) byte = static_cast<uint8_t>(byte << 1);
+    iv[i] = byte;
+  }
+  return iv;
 }
 
-// The cipher is asked for the output size first, as a caller with a fixed
-// buffer would; anything but "buffer too small" means it cannot be trusted.
+const Iv& EnvelopeIV() {
+  static const Iv iv = BuildIV();
+  return iv;
+}
+
+// Encrypts or decrypts `input` into `buffer`, which holds
+// Aes256CbcOutputSize(input.size()) bytes and may hold the input itself at its
+// front (the cipher works in place). The cipher is asked for the output size
+// first, as a caller with a fixed buffer would; anything but "buffer too
+// small" with a size that fits means it cannot be trusted.
 std::error_code Crypt(crypto::CipherDirection direction, std::span<const uint8_t> key,
-                      std::span<const uint8_t> iv, std::span<const uint8_t> input,
-                      std::vector<uint8_t>& output) {
+                      std::span<const uint8_t> input, std::vector<uint8_t>& buffer) {
   const bool encrypt = direction == crypto::CipherDirection::kEncrypt;
   const char* operation = encrypt ? "Encryption" : "Decryption";
   size_t needed = 0;
-  if (crypto::Aes256CbcCrypt(direction, key, iv, input, nullptr, 0, &needed) !=
-      crypto::CryptStatus::kBufferTooSmall) {
+  if (crypto::Aes256CbcCrypt(direction, key, EnvelopeIV(), input, nullptr, 0, &needed) !=
+          crypto::CryptStatus::kBufferTooSmall ||
+      needed > buffer.size()) {
     return Report(operation, "sizeRequired could not be calculated with CCCrypt call", kCryptError);
   }
-  std::vector<uint8_t> buffer(needed);
   size_t produced = 0;
-  if (crypto::Aes256CbcCrypt(direction, key, iv, input, buffer.data(), buffer.size(), &produced) !=
-      crypto::CryptStatus::kSuccess) {
+  if (crypto::Aes256CbcCrypt(direction, key, EnvelopeIV(), input, buffer.data(), buffer.size(),
+                             &produced) != crypto::CryptStatus::kSuccess) {
     return Report(operation,
                   encrypt ? "Failed to encrypt using CCCrypt" : "Failed to decrypt using CCCrypt",
                   kCryptError);
   }
   buffer.resize(produced);
-  output = std::move(buffer);
   return kSuccess;
 }
 
@@ -80,28 +95,31 @@ std::error_code EmptyInput() {
       kCryptError);
 }
 
+// The inner block is laid out in the output buffer and encrypted there, so a
+// file costs one allocation and no copy beyond the payload's own.
 std::error_code SealWithKey(std::span<const uint8_t> key, std::span<const uint8_t> plaintext,
                             std::vector<uint8_t>& out) {
   crypto::Sha256Digest mac{};
   if (crypto::HmacSha256(key, plaintext, mac) != crypto::CryptStatus::kSuccess) {
     return Report("Encryption", "Failed to compute HMAC", kCryptError);
   }
-  std::vector<uint8_t> inner;
-  inner.reserve(mac.size() + plaintext.size());
-  inner.insert(inner.end(), mac.begin(), mac.end());
-  inner.insert(inner.end(), plaintext.begin(), plaintext.end());
-
-  std::vector<uint8_t> iv;
-  if (std::error_code code = IV(iv); code != kSuccess) return code;
-  return Crypt(crypto::CipherDirection::kEncrypt, key, iv, inner, out);
+  const size_t innerSize = mac.size() + plaintext.size();
+  std::vector<uint8_t> buffer(crypto::Aes256CbcOutputSize(innerSize));
+  std::copy(mac.begin(), mac.end(), buffer.begin());
+  std::copy(plaintext.begin(), plaintext.end(), buffer.begin() + mac.size());
+  if (std::error_code code =
+          Crypt(crypto::CipherDirection::kEncrypt, key, std::span(buffer).first(innerSize), buffer);
+      code != kSuccess) {
+    return code;
+  }
+  out = std::move(buffer);
+  return kSuccess;
 }
 
 std::error_code OpenWithKey(std::span<const uint8_t> key, std::span<const uint8_t> envelope,
                             std::vector<uint8_t>& out) {
-  std::vector<uint8_t> iv;
-  if (std::error_code code = IV(iv); code != kSuccess) return code;
-  std::vector<uint8_t> inner;
-  if (std::error_code code = Crypt(crypto::CipherDirection::kDecrypt, key, iv, envelope, inner);
+  std::vector<uint8_t> inner(crypto::Aes256CbcOutputSize(envelope.size()));
+  if (std::error_code code = Crypt(crypto::CipherDirection::kDecrypt, key, envelope, inner);
       code != kSuccess) {
     return code;
   }
@@ -118,20 +136,15 @@ std::error_code OpenWithKey(std::span<const uint8_t> key, std::span<const uint8_
     return Report("SHAMismatch", "HMAC Mismatch (calculatedHMAC != HMACfromFile)",
                   kVerificationError);
   }
-  out.assign(inner.begin() + computed.size(), inner.end());
+  inner.erase(inner.begin(), inner.begin() + static_cast<ptrdiff_t>(computed.size()));
+  out = std::move(inner);
   return kSuccess;
 }
 
 }  // namespace
 
 std::error_code GetEnvelopeIV(std::vector<uint8_t>& iv) {
-  std::vector<uint8_t> result(kEnvelopeIvTableA.size());
-  for (size_t i = 0; i < result.size(); ++i) {
-    uint8_t byte = kEnvelopeIvTableA[i] ^ kEnvelopeIvTableB[kEnvelopeIvTableB.size() - 1 - i];
-    if (i % 2 == 0) byte = static_cast<uint8_t>(byte << 1);
-    result[i] = byte;
-  }
-  iv = std::move(result);
+  iv.assign(EnvelopeIV().begin(), EnvelopeIV().end());
   return kSuccess;
 }
 

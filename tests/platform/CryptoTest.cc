@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
 #include <unistd.h>
 
 #include <cstdlib>
 
 #include <cstdint>
+#include <optional>
+#include <random>
 #include <span>
 #include <string_view>
 #include <thread>
@@ -82,6 +86,29 @@ TEST(Aes256Cbc, PaddingAlwaysAddsUpToOneBlock) {
   }
 }
 
+TEST(Aes256Cbc, WorksInPlace) {
+  for (size_t size : {0u, 5u, 16u, 40u}) {
+    const Bytes plain = Pattern(size);
+    Bytes expected;
+    ASSERT_EQ(Crypt(CipherDirection::kEncrypt, kKey, kIv, plain, expected), CryptStatus::kSuccess);
+
+    Bytes buffer = plain;
+    buffer.resize(Aes256CbcOutputSize(size));
+    size_t produced = 0;
+    ASSERT_EQ(Aes256CbcCrypt(CipherDirection::kEncrypt, kKey, kIv, std::span(buffer).first(size),
+                             buffer.data(), buffer.size(), &produced),
+              CryptStatus::kSuccess);
+    EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + produced), expected) << size;
+
+    buffer.resize(Aes256CbcOutputSize(produced));
+    ASSERT_EQ(
+        Aes256CbcCrypt(CipherDirection::kDecrypt, kKey, kIv, std::span(buffer).first(produced),
+                       buffer.data(), buffer.size(), &produced),
+        CryptStatus::kSuccess);
+    EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + produced), plain) << size;
+  }
+}
+
 TEST(Aes256Cbc, RejectsBadArgumentsAndBadCiphertext) {
   Bytes out;
   const Bytes shortKey(31, 1), shortIv(15, 1);
@@ -126,6 +153,63 @@ TEST(Aes256Cbc, ThreadsWithDifferentKeysDoNotInterfere) {
   t2.join();
   EXPECT_TRUE(ok1);
   EXPECT_TRUE(ok2);
+}
+
+// OpenSSL itself, through a context made for the one message, as the cached
+// contexts' oracle. Empty when it refuses the input (bad padding).
+std::optional<Bytes> FreshContextCrypt(CipherDirection direction, const Bytes& key, const Bytes& iv,
+                                       const Bytes& in) {
+  EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
+  Bytes out(in.size() + 16);
+  int body = 0, tail = 0;
+  const bool ok =
+      EVP_CipherInit_ex(context, EVP_aes_256_cbc(), nullptr, key.data(), iv.data(),
+                        direction == CipherDirection::kEncrypt ? 1 : 0) == 1 &&
+      EVP_CipherUpdate(context, out.data(), &body, in.data(), static_cast<int>(in.size())) == 1 &&
+      EVP_CipherFinal_ex(context, out.data() + body, &tail) == 1;
+  EVP_CIPHER_CTX_free(context);
+  if (!ok) return std::nullopt;
+  out.resize(static_cast<size_t>(body + tail));
+  return out;
+}
+
+Bytes Noise(std::mt19937& random, size_t size) {
+  Bytes out(size);
+  for (uint8_t& byte : out) byte = static_cast<uint8_t>(random());
+  return out;
+}
+
+// The thread's contexts keep key schedules and chaining values between calls;
+// whatever came before, each message must come out as if it were the first.
+// Keys that differ only in their last byte, changing IVs, both directions and
+// refused ciphertext are mixed in one sequence on purpose.
+TEST(Aes256Cbc, EveryMessageMatchesAFreshContextWhateverCameBefore) {
+  std::mt19937 random(7);
+  Bytes nearKey = kKey;
+  nearKey[31] ^= 1;
+  const Bytes keys[] = {kKey, nearKey, Pattern(32, 200)};
+  for (int step = 0; step < 3000; ++step) {
+    const Bytes& key = keys[random() % 3];
+    const Bytes iv = Noise(random, 16);
+    const auto direction = random() % 2 ? CipherDirection::kEncrypt : CipherDirection::kDecrypt;
+    Bytes input;
+    if (direction == CipherDirection::kEncrypt) {
+      input = Noise(random, random() % 80);
+    } else if (random() % 2) {
+      // Ciphertext that decrypts: a message under this key, a random IV.
+      input = *FreshContextCrypt(CipherDirection::kEncrypt, key, Noise(random, 16),
+                                 Noise(random, random() % 80));
+    } else {
+      input = Noise(random, 16 * (1 + random() % 5));  // almost always badly padded
+    }
+    Bytes out;
+    const CryptStatus status = Crypt(direction, key, iv, input, out);
+    const std::optional<Bytes> expected = FreshContextCrypt(direction, key, iv, input);
+    ASSERT_EQ(status, expected ? CryptStatus::kSuccess : CryptStatus::kDecodeError) << step;
+    if (expected) {
+      ASSERT_EQ(out, *expected) << step;
+    }
+  }
 }
 
 // Pending saves still encrypt while the process exits, after the exiting
@@ -182,6 +266,33 @@ TEST(HmacSha256, MatchesPublishedVectors) {
       "60e431591ee0b67f0d8a26aacbf5b77f8e0bc6213728c5140546040f0ee37f54");
   EXPECT_EQ(Hmac(Bytes{}, Bytes{}),
             "b613679a0814d9ec772f95d778c35fc5ff1697c493715653c6c712144292c5ad");
+}
+
+// The thread's MAC context keeps the pads of its last key; a key that is a
+// prefix of it, differs in one byte or is longer than a block must not be
+// mistaken for it.
+TEST(HmacSha256, EveryCallMatchesOpenSslWhateverKeyCameBefore) {
+  const Bytes base = Pattern(131, 3);
+  std::vector<Bytes> keys;
+  for (size_t size : {0u, 1u, 31u, 32u, 64u, 65u, 131u})
+    keys.emplace_back(base.begin(), base.begin() + size);
+  Bytes changed = keys[3];
+  changed[31] ^= 0x40;
+  keys.push_back(changed);
+
+  std::mt19937 random(11);
+  for (int step = 0; step < 500; ++step) {
+    const Bytes& key = keys[random() % keys.size()];
+    const Bytes data = Noise(random, random() % 200);
+    // OpenSSL takes a null pointer for "no key given", not for an empty one.
+    const unsigned char none = 0;
+    unsigned char expected[32];
+    unsigned length = 0;
+    ASSERT_NE(HMAC(EVP_sha256(), key.empty() ? &none : key.data(), static_cast<int>(key.size()),
+                   data.empty() ? &none : data.data(), data.size(), expected, &length),
+              nullptr);
+    ASSERT_EQ(Hmac(key, data), Hex(std::span(expected, length))) << step;
+  }
 }
 
 TEST(HmacSha256, StreamAgreesWithOneShotAndKeepsItsKey) {

@@ -1,33 +1,41 @@
 #include "platform/crypto/Aes256Cbc.h"
 
-#include <openssl/evp.h>
-
-#include <algorithm>
 #include <cstdint>
+#include <cstring>
 
+#include "platform/crypto/CbcContext.h"
 #include "platform/crypto/OpenSsl.h"
+#include "platform/crypto/SecureMemory.h"
 
 namespace QelSS::platform::crypto {
 namespace {
 
-// EVP takes int lengths; larger inputs go through in slices of whole blocks so
-// that CBC chaining carries on unchanged across slices.
-constexpr size_t kMaxSlice = size_t{1} << 30;
-
-bool UpdateInSlices(EVP_CIPHER_CTX* context, std::span<const uint8_t> input, uint8_t* out,
-                    size_t* written) {
-  size_t total = 0;
-  for (size_t offset = 0; offset < input.size(); offset += kMaxSlice) {
-    const size_t slice = std::min(kMaxSlice, input.size() - offset);
-    int moved = 0;
-    if (EVP_CipherUpdate(context, out + total, &moved, input.data() + offset,
-                         static_cast<int>(slice)) != 1) {
-      return false;
-    }
-    total += static_cast<size_t>(moved);
-  }
-  *written = total;
+// The message and its padding are laid out in `out` and encrypted there in
+// place: one pass through OpenSSL instead of one for the body and another for
+// the last block, which for a short message is most of the overhead.
+bool Encrypt(detail::CbcContext& context, std::span<const uint8_t> input, uint8_t* out,
+             size_t* produced) {
+  const size_t padded = input.size() - input.size() % kAesBlockSize + kAesBlockSize;
+  if (!input.empty()) std::memmove(out, input.data(), input.size());
+  std::memset(out + input.size(), static_cast<int>(padded - input.size()), padded - input.size());
+  if (!context.Update(out, padded, out)) return false;
+  *produced = padded;
   return true;
+}
+
+// The number of pad bytes ending `block`, or 0 when they are not valid
+// PKCS#7 padding. Every byte is looked at whatever the pad length, so the time
+// taken says nothing about where the padding went wrong; the loop has no
+// branch, so the compiler can check the block as one vector.
+size_t PadLength(const uint8_t* block) {
+  const uint8_t pad = block[kAesBlockSize - 1];
+  uint8_t wrong = 0;
+  for (unsigned i = 0; i < kAesBlockSize; ++i) {
+    const auto inPad = static_cast<uint8_t>(0 - static_cast<unsigned>(i + pad >= kAesBlockSize));
+    wrong |= static_cast<uint8_t>(inPad & (block[i] ^ pad));
+  }
+  const bool valid = (wrong == 0) & (pad != 0) & (pad <= kAesBlockSize);
+  return valid ? pad : 0;
 }
 
 }  // namespace
@@ -52,16 +60,24 @@ CryptStatus Aes256CbcCrypt(CipherDirection direction, std::span<const uint8_t> k
     return CryptStatus::kDecodeError;
   }
 
-  EVP_CIPHER_CTX* context = detail::ThreadCipherFor(key.data(), iv.data(), encrypt);
-  if (context == nullptr) return detail::Fail(CryptStatus::kLibraryError);
-  size_t body = 0;
-  if (!UpdateInSlices(context, input, out, &body)) return detail::Fail(CryptStatus::kLibraryError);
-  int tail = 0;
-  if (EVP_CipherFinal_ex(context, out + body, &tail) != 1) {
-    // With whole blocks in, the only way decryption's final step fails is bad padding.
-    return detail::Fail(encrypt ? CryptStatus::kLibraryError : CryptStatus::kDecodeError);
+  detail::CbcContext* context = detail::ThreadCbcContext(encrypt);
+  if (context == nullptr || !context->Start(key.data(), iv.data())) {
+    return detail::Fail(CryptStatus::kLibraryError);
   }
-  *produced = body + static_cast<size_t>(tail);
+  if (encrypt) {
+    if (!Encrypt(*context, input, out, produced)) return detail::Fail(CryptStatus::kLibraryError);
+    return CryptStatus::kSuccess;
+  }
+  if (!context->Update(input.data(), input.size(), out)) {
+    return detail::Fail(CryptStatus::kLibraryError);
+  }
+  const size_t pad = PadLength(out + input.size() - kAesBlockSize);
+  if (pad == 0) {
+    // Nothing of a message that fails its padding check is handed out.
+    SecureWipe(std::span(out, input.size()));
+    return CryptStatus::kDecodeError;
+  }
+  *produced = input.size() - pad;
   return CryptStatus::kSuccess;
 }
 

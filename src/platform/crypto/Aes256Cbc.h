@@ -20,7 +20,8 @@ enum class CipherDirection { kEncrypt, kDecrypt };
 constexpr size_t Aes256CbcOutputSize(size_t inputSize) { return inputSize + kAesBlockSize; }
 
 // Encrypts (padding always added, so at least one block comes out) or decrypts
-// (padding checked and removed) `input` into `out`.
+// (padding checked and removed) `input` into `out`. `out` may be input.data(),
+// for work in place, but must not overlap the input otherwise.
 //
 // Size query: when `outCapacity` is below Aes256CbcOutputSize(input.size()),
 // nothing is processed, `*produced` is set to that size and kBufferTooSmall is

@@ -2,17 +2,11 @@
 
 #include <openssl/evp.h>
 
+#include "platform/crypto/MacContext.h"
 #include "platform/crypto/OpenSsl.h"
 
 namespace QelSS::platform::crypto {
 namespace {
-
-// EVP_MAC_init reads a null key as "keep the previous key", so an empty key
-// must still come with a valid pointer.
-const unsigned char* KeyPointer(std::span<const uint8_t> key) {
-  static const unsigned char kNoKey = 0;
-  return key.empty() ? &kNoKey : key.data();
-}
 
 bool Finish(EVP_MAC_CTX* context, Sha256Digest& mac) {
   Sha256Digest result;
@@ -28,10 +22,10 @@ bool Finish(EVP_MAC_CTX* context, Sha256Digest& mac) {
 
 CryptStatus HmacSha256(std::span<const uint8_t> key, std::span<const uint8_t> data,
                        Sha256Digest& mac) noexcept {
-  EVP_MAC_CTX* context = detail::ThreadMacContext();
-  if (context == nullptr) return detail::Fail(CryptStatus::kLibraryError);
-  if (EVP_MAC_init(context, KeyPointer(key), key.size(), nullptr) != 1 ||
-      EVP_MAC_update(context, data.data(), data.size()) != 1 || !Finish(context, mac)) {
+  detail::MacContext* cached = detail::ThreadMacContext();
+  EVP_MAC_CTX* context = cached == nullptr ? nullptr : cached->Start(key);
+  if (context == nullptr || EVP_MAC_update(context, data.data(), data.size()) != 1 ||
+      !Finish(context, mac)) {
     return detail::Fail(CryptStatus::kLibraryError);
   }
   return CryptStatus::kSuccess;
@@ -44,7 +38,7 @@ HmacSha256Stream::~HmacSha256Stream() { EVP_MAC_CTX_free(context_); }
 CryptStatus HmacSha256Stream::SetKey(std::span<const uint8_t> key) noexcept {
   keyed_ = false;
   if (context_ == nullptr) return detail::Fail(CryptStatus::kLibraryError);
-  if (EVP_MAC_init(context_, KeyPointer(key), key.size(), nullptr) != 1) {
+  if (EVP_MAC_init(context_, detail::MacKeyBytes(key), key.size(), nullptr) != 1) {
     return detail::Fail(CryptStatus::kLibraryError);
   }
   keyed_ = true;

@@ -8,8 +8,10 @@
 
 #include <pthread.h>
 
-#include <cstring>
 #include <new>
+
+#include "platform/crypto/CbcContext.h"
+#include "platform/crypto/MacContext.h"
 
 namespace QelSS::platform::crypto::detail {
 namespace {
@@ -28,22 +30,13 @@ Algorithms FetchAlgorithms() noexcept {
   return algorithms;
 }
 
-constexpr size_t kCipherKeySize = 32;
-
 struct ThreadContexts {
-  EVP_CIPHER_CTX* cipher = nullptr;
-  // The key and direction whose expansion the cipher context holds.
-  unsigned char cipherKey[kCipherKeySize] = {};
-  int cipherDirection = -1;
+  CbcContext encryptor{true};
+  CbcContext decryptor{false};
+  MacContext mac;
   EVP_MD_CTX* digest = nullptr;
-  EVP_MAC_CTX* mac = nullptr;
 
-  ~ThreadContexts() {
-    OPENSSL_cleanse(cipherKey, sizeof cipherKey);
-    EVP_CIPHER_CTX_free(cipher);
-    EVP_MD_CTX_free(digest);
-    EVP_MAC_CTX_free(mac);
-  }
+  ~ThreadContexts() { EVP_MD_CTX_free(digest); }
 };
 
 // A plain pointer rather than a thread_local object: pending saves may still
@@ -83,42 +76,15 @@ const Algorithms& GetAlgorithms() noexcept {
   return algorithms;
 }
 
-EVP_CIPHER_CTX* ThreadCipherContext() noexcept {
+CbcContext* ThreadCbcContext(bool encrypt) noexcept {
   ThreadContexts* contexts = Contexts();
   if (contexts == nullptr) return nullptr;
-  if (contexts->cipher != nullptr) return contexts->cipher;
-  const Algorithms& algorithms = GetAlgorithms();
-  if (algorithms.aes256Cbc == nullptr) return nullptr;
-  EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
-  if (context == nullptr) return nullptr;
-  // Binding the cipher once lets every later call pass only key and IV, which
-  // skips OpenSSL's per-init algorithm setup.
-  if (EVP_CipherInit_ex2(context, algorithms.aes256Cbc, nullptr, nullptr, 1, nullptr) != 1) {
-    EVP_CIPHER_CTX_free(context);
-    ERR_clear_error();
-    return nullptr;
-  }
-  contexts->cipher = context;
-  return context;
+  return encrypt ? &contexts->encryptor : &contexts->decryptor;
 }
 
-EVP_CIPHER_CTX* ThreadCipherFor(const unsigned char* key, const unsigned char* iv,
-                                bool encrypt) noexcept {
-  EVP_CIPHER_CTX* context = ThreadCipherContext();
-  if (context == nullptr) return nullptr;
-  ThreadContexts& contexts = *tContexts;
-  const int direction = encrypt ? 1 : 0;
-  const bool sameKey = contexts.cipherDirection == direction &&
-                       CRYPTO_memcmp(contexts.cipherKey, key, kCipherKeySize) == 0;
-  // Forget the cached key first: should the init fail, the context's key
-  // schedule is no longer known.
-  contexts.cipherDirection = -1;
-  if (EVP_CipherInit_ex2(context, nullptr, sameKey ? nullptr : key, iv, direction, nullptr) != 1) {
-    return nullptr;
-  }
-  if (!sameKey) std::memcpy(contexts.cipherKey, key, kCipherKeySize);
-  contexts.cipherDirection = direction;
-  return context;
+MacContext* ThreadMacContext() noexcept {
+  ThreadContexts* contexts = Contexts();
+  return contexts == nullptr ? nullptr : &contexts->mac;
 }
 
 EVP_MD_CTX* ThreadDigestContext() noexcept {
@@ -143,13 +109,6 @@ EVP_MAC_CTX* NewHmacSha256Context() noexcept {
     return nullptr;
   }
   return context;
-}
-
-EVP_MAC_CTX* ThreadMacContext() noexcept {
-  ThreadContexts* contexts = Contexts();
-  if (contexts == nullptr) return nullptr;
-  if (contexts->mac == nullptr) contexts->mac = NewHmacSha256Context();
-  return contexts->mac;
 }
 
 CryptStatus Fail(CryptStatus status) noexcept {

@@ -10,6 +10,9 @@
 
 namespace QelSS::platform::crypto::detail {
 
+class CbcContext;
+class MacContext;
+
 struct Algorithms {
   EVP_CIPHER* aes256Cbc = nullptr;
   EVP_MD* sha256 = nullptr;
@@ -19,19 +22,13 @@ struct Algorithms {
 // Members are null when OpenSSL cannot provide the algorithm.
 const Algorithms& GetAlgorithms() noexcept;
 
-// This thread's contexts, created on first use; null when allocation fails.
-// The cipher context comes back already bound to AES-256-CBC and the MAC
-// context to HMAC-SHA256, so callers only supply keys and IVs.
-EVP_CIPHER_CTX* ThreadCipherContext() noexcept;
-
-// Readies this thread's cipher context for one message under `key` (32 bytes)
-// and `iv` (16 bytes). The expanded key of the previous message is kept when
-// key and direction are unchanged, which is most of the cost of a short
-// message. Null on failure.
-EVP_CIPHER_CTX* ThreadCipherFor(const unsigned char* key, const unsigned char* iv,
-                                bool encrypt) noexcept;
+// This thread's contexts, created on first use; null when memory runs out.
+// They keep their keys between calls (wiped when the thread ends), so a
+// thread that reads and writes files under one key sets it up only once;
+// each cipher direction has a context of its own for the same reason.
 EVP_MD_CTX* ThreadDigestContext() noexcept;
-EVP_MAC_CTX* ThreadMacContext() noexcept;
+CbcContext* ThreadCbcContext(bool encrypt) noexcept;
+MacContext* ThreadMacContext() noexcept;
 
 // Creates a MAC context bound to HMAC-SHA256; null on failure.
 EVP_MAC_CTX* NewHmacSha256Context() noexcept;
