@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "persistence/ByteForm.h"
 #include "persistence/ByteFormNames.h"
 #include "persistence/ByteFormReference.h"
 #include "persistence/ByteFormScalars.h"
@@ -187,6 +188,8 @@ class Walk {
     size_t written = ElementSize(ElementNameOfType(type), 0);
     std::vector<Normalised> children = NormaliseChildren(container, written);
     if (written >= kLargestSafeRewrite) {
+      largeRewrites_ += written;
+      if (largeRewrites_ > kLargeRewriteBudget) return kSerializationError;
       std::vector<uint8_t> rewrite;
       if (std::error_code code = AppendByteForm(container, rewrite); !Succeeded(code)) return code;
       if (!Parses(rewrite)) return kSerializationError;
@@ -309,6 +312,8 @@ class Walk {
   // map holds them, so that the address of one that a later duplicate key
   // replaced cannot come back as another's.
   std::unordered_map<ValuePtr, size_t> writtenSizes_;
+  // Bytes of nested containers' large rewrites checked so far.
+  size_t largeRewrites_ = 0;
 };
 
 }  // namespace
