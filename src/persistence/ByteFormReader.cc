@@ -1,5 +1,6 @@
 #include "persistence/ByteFormReader.h"
 
+#include <cmath>
 #include <cstring>
 #include <string_view>
 #include <unordered_map>
@@ -291,6 +292,9 @@ class Walk {
                                               std::strlen(text.kind) + std::strlen(text.digits));
     double before = 0;
     if (!Succeeded(number.GetDouble(before))) return;
+    // A whole number prints exactly and so reads back unchanged; parsing the
+    // hundreds of digits of a large one would cost microseconds for nothing.
+    if (std::isfinite(before) && std::trunc(before) == before) return;
     const double after = std::stod(text.digits);
     if (SameBits(before, after)) return;
     std::shared_ptr<INumber> normalised;
