@@ -1,11 +1,13 @@
 #include "persistence/ByteFormReader.h"
 
+#include <cmath>
 #include <cstring>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "persistence/ByteForm.h"
 #include "persistence/ByteFormNames.h"
 #include "persistence/ByteFormReference.h"
 #include "persistence/ByteFormScalars.h"
@@ -187,6 +189,8 @@ class Walk {
     size_t written = ElementSize(ElementNameOfType(type), 0);
     std::vector<Normalised> children = NormaliseChildren(container, written);
     if (written >= kLargestSafeRewrite) {
+      largeRewrites_ += written;
+      if (largeRewrites_ > kLargeRewriteBudget) return kSerializationError;
       std::vector<uint8_t> rewrite;
       if (std::error_code code = AppendByteForm(container, rewrite); !Succeeded(code)) return code;
       if (!Parses(rewrite)) return kSerializationError;
@@ -288,6 +292,9 @@ class Walk {
                                               std::strlen(text.kind) + std::strlen(text.digits));
     double before = 0;
     if (!Succeeded(number.GetDouble(before))) return;
+    // A whole number prints exactly and so reads back unchanged; parsing the
+    // hundreds of digits of a large one would cost microseconds for nothing.
+    if (std::isfinite(before) && std::trunc(before) == before) return;
     const double after = std::stod(text.digits);
     if (SameBits(before, after)) return;
     std::shared_ptr<INumber> normalised;
@@ -309,6 +316,8 @@ class Walk {
   // map holds them, so that the address of one that a later duplicate key
   // replaced cannot come back as another's.
   std::unordered_map<ValuePtr, size_t> writtenSizes_;
+  // Bytes of nested containers' large rewrites checked so far.
+  size_t largeRewrites_ = 0;
 };
 
 }  // namespace

@@ -221,8 +221,11 @@ class TreeGenerator {
  private:
   double RandomDouble() {
     static const double kAwkward[] = {
-        0.0,   -0.0,  0.1,  1e-9,   -1e-7,          0.5,
-        1e300, -1e22, 3.25, 1e-300, 123456.7891234, 8.5e9 + 0.123456789};
+        0.0, -0.0, 0.1, 1e-9, -1e-7, 0.5, 1e300, -1e22, 3.25, 1e-300, 123456.7891234,
+        8.5e9 + 0.123456789,
+        // Halfway between two six-decimal texts, the extremes, and the double
+        // nearest 1e23 (one digit shorter than 1e23 itself).
+        0.0078125, -0.0234375, -1.7976931348623157e308, 4.9e-324, 1e23};
     if (Pick(3) == 0) return kAwkward[Pick(std::size(kAwkward))];
     return std::uniform_real_distribution<double>(-1e6, 1e6)(random_);
   }
