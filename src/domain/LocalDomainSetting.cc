@@ -210,6 +210,7 @@ std::error_code LocalDomainSetting::CommitTransaction(
 
 void LocalDomainSetting::MarkDirty() {
   lastChange_ = DispatchClock::SystemNow();
+  quietSince_->store(lastChange_.time_since_epoch().count());
   if (keepAlive_ == 0) keepAlive_ = KeepAlive::Begin();
   if (!timerRunning_) {
     ArmOnce();
@@ -230,7 +231,13 @@ void LocalDomainSetting::ArmOnce() {
   // Weak: a pending save must not keep a released domain alive; the
   // destructor writes it instead.
   std::weak_ptr<DomainSetting> weak = weak_from_this();
-  dispatch_source_set_event_handler(saveTimer_, [weak] {
+  dispatch_source_set_event_handler(saveTimer_, [weak, quietSince = quietSince_] {
+    // Only a tick with a save due takes hold of the domain. One that merely
+    // looks could otherwise end up with the last reference, and a release
+    // meant to write the domain would return before the write.
+    const std::chrono::system_clock::time_point since{
+        std::chrono::system_clock::duration(quietSince->load())};
+    if (DispatchClock::SystemNow() - since < kQuietPeriod) return;
     if (auto self = weak.lock()) (void)static_cast<LocalDomainSetting&>(*self).SaveCheck(false);
   });
   // Exit flushers run after the destructors of statics made later than the

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -109,6 +110,10 @@ class LocalDomainSetting final : public DomainSetting {
   const std::string domainFile_;
   const std::string backupFile_;
   dispatch_source_t saveTimer_ = nullptr;
+  // The last change's time, for the timer handler to look at without holding
+  // the domain; written on the domain queue.
+  const std::shared_ptr<std::atomic<std::chrono::system_clock::rep>> quietSince_ =
+      std::make_shared<std::atomic<std::chrono::system_clock::rep>>(0);
 
   // On the domain queue only (the destructor reads them once nothing else
   // can run).
