@@ -162,10 +162,13 @@ TEST_F(StorageTest, SizeLimitIsCheckedBeforeOpening) {
   EXPECT_TRUE(capture->FailureReports().empty());
 
   // At the limit the file is read in full and only then refused, by the
-  // envelope (zeros are no valid ciphertext).
+  // envelope (zeros are no valid ciphertext). With a random key, one time in
+  // a few hundred the zeros decrypt to valid padding and the MAC refuses them.
   MakeSparse(path(), 32'000'000);
   read = testing::Read(storage, path());
-  EXPECT_EQ(read.code, make_error_code(kCryptError));
+  EXPECT_TRUE(read.code == make_error_code(kCryptError) ||
+              read.code == make_error_code(kVerificationError))
+      << read.code;
   EXPECT_EQ(files->Count(FileCall::kOpenRead), 1);
   const auto report = capture->FindFailureReport("QSST", "ReadSettings");
   ASSERT_TRUE(report);
