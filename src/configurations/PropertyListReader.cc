@@ -10,11 +10,11 @@
 #include <ctime>
 #include <limits>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
 #include "configurations/BoundedFile.h"
+#include "persistence/LibXml.h"
 #include "platform/support/Base64.h"
 #include "qelss/values/ErrorCode.h"
 
@@ -189,18 +189,12 @@ xpc_object_t ParseValue(const xmlNode* node, int depth) {
 // own limits on nesting and entity expansion stay in force (no huge mode).
 constexpr int kParseOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
 
-void InitializeXml() {
-  static std::once_flag once;
-  std::call_once(once, [] { xmlInitParser(); });
-}
-
 }  // namespace
 
 std::error_code ParsePropertyList(std::string_view text, xpc_object_t& out) {
   if (text.size() > kMaxDocument) return make_error_code(kInvalidData);
-  InitializeXml();
-  std::unique_ptr<xmlDoc, DocumentFree> document(xmlReadMemory(
-      text.data(), static_cast<int>(text.size()), "Configurations.plist", nullptr, kParseOptions));
+  std::unique_ptr<xmlDoc, DocumentFree> document(byteform::ReadXmlQuietly(
+      text.data(), text.size(), "Configurations.plist", nullptr, kParseOptions));
   if (!document) return make_error_code(kInvalidData);
   const xmlNode* root = xmlDocGetRootElement(document.get());
   if (!root || root->ns || !Named(root, "plist")) return make_error_code(kInvalidData);

@@ -1,6 +1,7 @@
 #include "persistence/LibXml.h"
 
 #include <libxml/parser.h>
+#include <libxml/xmlerror.h>
 
 #include <climits>
 #include <mutex>
@@ -15,6 +16,8 @@ namespace {
 // network by accident. NOERROR and NOWARNING silence libxml2's stderr channel.
 constexpr int kParseOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
 
+void IgnoreError(void* /*context*/, const char* /*format*/, ...) {}
+
 bool DeclaresEntities(xmlDoc* doc) {
   const xmlDtd* subset = xmlGetIntSubset(doc);
   return subset != nullptr && (subset->entities != nullptr || subset->pentities != nullptr);
@@ -28,11 +31,24 @@ void EnsureLibXml() noexcept {
   std::call_once(once, [] { xmlInitParser(); });
 }
 
-std::error_code ParseXml(const uint8_t* data, size_t size, XmlDocument& out) {
+xmlDoc* ReadXmlQuietly(const char* data, size_t size, const char* url, const char* encoding,
+                       int options) {
   EnsureLibXml();
-  if (size > static_cast<size_t>(INT_MAX)) return kSerializationError;
-  XmlDocument doc(xmlReadMemory(reinterpret_cast<const char*>(data), static_cast<int>(size),
-                                nullptr, "UTF-8", kParseOptions));
+  if (size > static_cast<size_t>(INT_MAX)) return nullptr;
+  // Some refusals (a text node over the size limit) ignore XML_PARSE_NOERROR
+  // and print through the thread's generic error channel. It is silenced for
+  // the parse only, as the thread may be the application's own.
+  const xmlGenericErrorFunc savedFunction = xmlGenericError;
+  void* const savedContext = xmlGenericErrorContext;
+  xmlSetGenericErrorFunc(nullptr, &IgnoreError);
+  xmlDoc* doc = xmlReadMemory(data, static_cast<int>(size), url, encoding, options);
+  xmlSetGenericErrorFunc(savedContext, savedFunction);
+  return doc;
+}
+
+std::error_code ParseXml(const uint8_t* data, size_t size, XmlDocument& out) {
+  XmlDocument doc(
+      ReadXmlQuietly(reinterpret_cast<const char*>(data), size, nullptr, "UTF-8", kParseOptions));
   if (!doc || DeclaresEntities(doc.get())) return kSerializationError;
   out = std::move(doc);
   return kSuccess;

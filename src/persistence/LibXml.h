@@ -28,6 +28,11 @@ struct XmlCharDeleter {
 };
 using XmlText = std::unique_ptr<xmlChar, XmlCharDeleter>;
 
+// xmlReadMemory without a word on stderr, whatever libxml2 refuses: a library
+// never prints. Null when libxml2 makes no document (or `size` exceeds int).
+xmlDoc* ReadXmlQuietly(const char* data, size_t size, const char* url, const char* encoding,
+                       int options);
+
 // Parses `size` bytes of UTF-8 XML. kSerializationError when libxml2 makes no
 // document, and for a document that declares entities: byte forms never do, and
 // refusing them closes every entity-expansion attack (xmlNodeGetContent would

@@ -327,6 +327,13 @@ TEST_F(HostileInput, SizeIsBoundedByTheDomainFileLimit) {
   // libxml2 refuses a text node of ten million bytes on its own.
   EXPECT_EQ(ReadTimed(head + std::string(10000001, 'x') + tail),
             make_error_code(kSerializationError));
+  // Also one written in many lines, as data is, and then it says nothing on
+  // stderr, which belongs to the application.
+  std::string lines = "<Hash><String>k</String><Data>";
+  while (lines.size() < 10'900'000) lines += std::string(72, 'W') + "\r\n";
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(ReadTimed(lines + "</Data></Hash>"), make_error_code(kSerializationError));
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
   EXPECT_EQ(ReadTimed(head + std::string(3000000, 'x') + tail), kOk);
 }
 
