@@ -1,10 +1,12 @@
 #include "domain/LocalDomainSetting.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <utility>
 
 #include "domain/DomainRoot.h"
+#include "persistence/DomainFile.h"
 #include "persistence/Key.h"
 #include "persistence/Storage.h"
 #include "platform/dispatch/DispatchClock.h"
@@ -23,8 +25,11 @@ constexpr uint32_t kReportTag = QelErrTag("LDSE");
 constexpr const char* kFilePrefix = "com.qelvarin.";
 constexpr const char* kBackupFolder = "SuccessfulImports";
 constexpr const char* kInitFailed = "LocalDomainSetting: Failed to init";
-// The storage writes "<file>xyzzyx" first; that name must fit too.
-constexpr size_t kTemporarySuffixLength = 6;
+// The storage writes under the file's name with a suffix first (a longer one
+// for the first tree); those names must fit too.
+constexpr size_t kTemporarySuffixLength =
+    std::max(std::char_traits<char>::length(kFirstWriteFileSuffix),
+             std::char_traits<char>::length(kTemporaryFileSuffix));
 constexpr size_t kMaxFileNameLength = 255;
 
 constexpr uint64_t kTimerNs = uint64_t(LocalDomainSetting::kQuietPeriod.count()) * NSEC_PER_SEC;

@@ -16,6 +16,7 @@
 #include "platform/report/CaptureSink.h"
 #include "platform/support/KeepAlive.h"
 #include "qelss/domain/SettingsObserver.h"
+#include "qelss/values/Exceptions.h"
 
 namespace QelSS {
 namespace {
@@ -164,6 +165,20 @@ TEST_F(LocalDomainTest, MissingFileIsCreatedOnlyWhenAsked) {
   ASSERT_TRUE(created);
   EXPECT_EQ(created->SaveSettings(5), kOk);
   EXPECT_TRUE(std::filesystem::exists(DomainFile()));
+}
+
+// Every name the domain takes must leave room for its files' suffixes.
+TEST_F(LocalDomainTest, TheLongestNameTakenIsSavedAndALongerOneRefused) {
+  const std::string longest(255 - std::string("com.qelvarin.xyzzyx.new").size(), 'l');
+  std::error_code fetched;
+  auto domain = testing::OpenLocal(folder_.path(), nullptr, fetched, longest);
+  ASSERT_TRUE(domain);
+  ASSERT_EQ(SetNumber(*domain, "n", 5), kOk);
+  EXPECT_EQ(domain->SaveSettings(5), kOk);
+  EXPECT_EQ(OnDisk("n", longest), 5);
+
+  EXPECT_THROW(testing::OpenLocal(folder_.path(), nullptr, fetched, longest + "l"),
+               QelSharedSettingsException);
 }
 
 // Flips one byte in the middle of the file, or empties it.
