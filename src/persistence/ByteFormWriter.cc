@@ -137,54 +137,49 @@ class DirectWriter {
     }
   }
 
+  // A value whose tag names an interface it does not have is not written.
+  template <typename Interface, typename Write>
+  static std::error_code As(const IValue* raw, Write write) {
+    auto* typed = dynamic_cast<const Interface*>(raw);
+    return typed ? write(*typed) : make_error_code(kFailure);
+  }
+
   std::error_code WriteValue(const std::shared_ptr<IValue>& value) {
     if (!value) return kInvalidArgument;
     const uint32_t type = value->GetType();
     const IValue* raw = value.get();
     switch (type) {
       case kValueTypeNull:
-        if (dynamic_cast<const INull*>(raw) == nullptr) return kFailure;
-        // libxml2 closes an element without content in its short form.
-        Put("<");
-        Put(ElementNameOfType(type));
-        Put("/>");
-        return kSuccess;
+        return As<INull>(raw, [&](const INull&) {
+          // libxml2 closes an element without content in its short form.
+          Put("<");
+          Put(ElementNameOfType(type));
+          Put("/>");
+          return make_error_code(kSuccess);
+        });
       case kValueTypeNumber:
-        if (auto* number = dynamic_cast<const INumber*>(raw)) {
-          return WriteNumber(*number, ElementNameOfType(type));
-        }
-        return kFailure;
+        return As<INumber>(
+            raw, [&](const INumber& v) { return WriteNumber(v, ElementNameOfType(type)); });
       case kValueTypeString:
-        if (auto* string = dynamic_cast<const IString*>(raw)) {
-          TextElement(ElementNameOfType(type), string->GetCString());
-          return kSuccess;
-        }
-        return kFailure;
+        return As<IString>(raw, [&](const IString& v) {
+          TextElement(ElementNameOfType(type), v.GetCString());
+          return make_error_code(kSuccess);
+        });
       case kValueTypeData:
-        if (auto* data = dynamic_cast<const IData*>(raw)) {
-          return WriteData(*data, ElementNameOfType(type));
-        }
-        return kFailure;
+        return As<IData>(raw,
+                         [&](const IData& v) { return WriteData(v, ElementNameOfType(type)); });
       case kValueTypeDate:
-        if (auto* date = dynamic_cast<const IDate*>(raw)) {
-          return WriteDate(*date, ElementNameOfType(type));
-        }
-        return kFailure;
+        return As<IDate>(raw,
+                         [&](const IDate& v) { return WriteDate(v, ElementNameOfType(type)); });
       case kValueTypeUUID:
-        if (auto* uuid = dynamic_cast<const IUUID*>(raw)) {
-          return WriteUuid(*uuid, ElementNameOfType(type));
-        }
-        return kFailure;
+        return As<IUUID>(raw,
+                         [&](const IUUID& v) { return WriteUuid(v, ElementNameOfType(type)); });
       case kValueTypeArray:
-        if (auto* array = dynamic_cast<const IArray*>(raw)) {
-          return WriteArray(*array, ElementNameOfType(type));
-        }
-        return kFailure;
+        return As<IArray>(raw,
+                          [&](const IArray& v) { return WriteArray(v, ElementNameOfType(type)); });
       case kValueTypeHash:
-        if (auto* hash = dynamic_cast<const IHash*>(raw)) {
-          return WriteHash(*hash, ElementNameOfType(type));
-        }
-        return kFailure;
+        return As<IHash>(raw,
+                         [&](const IHash& v) { return WriteHash(v, ElementNameOfType(type)); });
       default:
         return kFailure;
     }

@@ -297,13 +297,7 @@ std::error_code Array::Clone(std::shared_ptr<IValue>& out) const {
 }
 
 std::error_code Array::Assign(const std::shared_ptr<IArray>& other) {
-  if (!other) return kInvalidArgument;
-  try {
-    *this = *other;
-  } catch (const DataTypeException& exception) {
-    return exception.code();
-  }
-  return kSuccess;
+  return AssignContainer(*this, other);
 }
 
 std::error_code Array::CopyXPCObject(xpc_object_t* out) const {

@@ -22,6 +22,8 @@
 
 #include "qelss/platform/Dispatch.h"
 #include "qelss/platform/xpc.h"
+#include "qelss/values/ErrorCode.h"
+#include "qelss/values/Exceptions.h"
 #include "qelss/values/IValue.h"
 
 namespace QelSS {
@@ -73,6 +75,19 @@ class NestingGuard {
       0;
   const bool within_;
 };
+
+// Assign of Hash and Array: the container's assignment from its interface,
+// which reports its failures as a DataTypeException.
+template <typename Container, typename Interface>
+std::error_code AssignContainer(Container& self, const std::shared_ptr<Interface>& other) {
+  if (!other) return kInvalidArgument;
+  try {
+    self = *other;
+  } catch (const DataTypeException& exception) {
+    return exception.code();
+  }
+  return kSuccess;
+}
 
 // Appends `text` right-aligned in a field `width` wide, as a stream with that
 // field width writes it: longer texts are not cut.

@@ -257,13 +257,7 @@ std::error_code Hash::Clone(std::shared_ptr<IValue>& out) const {
 }
 
 std::error_code Hash::Assign(const std::shared_ptr<IHash>& other) {
-  if (!other) return kInvalidArgument;
-  try {
-    *this = *other;
-  } catch (const DataTypeException& exception) {
-    return exception.code();
-  }
-  return kSuccess;
+  return AssignContainer(*this, other);
 }
 
 std::error_code Hash::CopyXPCObject(xpc_object_t* out) const {
