@@ -46,14 +46,14 @@ namespace QelSS {
 // It keeps a hostile input from costing more than a real file can.
 inline constexpr size_t kMaxByteFormSize = 32'000'000;
 
-// How much text ReadByteForm may write and parse again to learn whether
-// libxml2 takes the rewrites of containers nested in other containers, counting
-// only rewrites of 9 MB or more (smaller ones cannot meet libxml2's limits and
-// cost nothing). Such a rewrite holds its whole subtree, so a file nested a few
-// hundred levels deep around 30 MB of content would otherwise cost gigabytes of
-// parsing; this allows a few levels of such nesting, which no real domain
-// comes near.
-inline constexpr size_t kLargeRewriteBudget = 4 * kMaxByteFormSize;
+// How much XML the reference reader may need to write and parse for the large
+// rewrites of a byte form (those of 9 MB or more) before ReadByteForm refuses
+// it. The reference reader rewrites a container nested in other containers
+// once per reading of its parent, so its work doubles at every level: past
+// this limit (a terabyte; it gets through at most a quarter of a gigabyte a
+// second) it would take over an hour, where ReadByteForm checks each rewrite
+// once.
+inline constexpr uint64_t kReferenceWorkLimit = uint64_t{1} << 40;
 
 // Replaces `bytes` with the byte form of `value`. kInvalidArgument for a null
 // value; a getter's code when a value cannot give its content; kFailure for a
@@ -65,8 +65,8 @@ inline constexpr size_t kLargeRewriteBudget = 4 * kMaxByteFormSize;
 // Replaces `value` with a new tree read from `bytes`. kInvalidArgument for no
 // bytes; kSerializationError for bytes over kMaxByteFormSize, bytes that are
 // not exactly one XML element (or that declare entities), base64 that does not
-// decode, text beyond libxml2's limits, or nested containers whose large
-// rewrites add up to more than kLargeRewriteBudget; kFailure for an unknown
+// decode, text beyond libxml2's limits, or nesting around large content that
+// would cost the reference reader more than kReferenceWorkLimit; kFailure for an unknown
 // element name or a number or date that does not convert; kInvalidData for a
 // hash whose last key has no value or a malformed UUID; the factories' and
 // containers' codes otherwise. kSuccess with an empty `value` for a number of unknown kind.

@@ -97,6 +97,18 @@ bool RewriteOfWrittenScalarParses(const ValuePtr& value) {
   return Parses(rewrite);
 }
 
+// Counts one level of nesting for as long as it lives.
+class Deeper {
+ public:
+  explicit Deeper(unsigned& level) : level_(level) { ++level_; }
+  ~Deeper() { --level_; }
+  Deeper(const Deeper&) = delete;
+  Deeper& operator=(const Deeper&) = delete;
+
+ private:
+  unsigned& level_;
+};
+
 class Walk {
  public:
   std::error_code ReadRoot(const xmlNode* root, ValuePtr& out) {
@@ -134,7 +146,10 @@ class Walk {
          child = NextElement(child->next)) {
       ValuePtr key;
       if (std::error_code code = ReadChild(child, key); !Succeeded(code)) return code;
-      if (!key || key->GetType() != kValueTypeString) break;
+      if (!key || key->GetType() != kValueTypeString) {
+        rewrites_.erase(key);
+        break;
+      }
       auto keyString = std::dynamic_pointer_cast<IString>(key);
       if (!keyString) return kInvalidData;
       child = NextElement(child->next);
@@ -182,6 +197,7 @@ class Walk {
   // child fails, or where libxml2 refuses a large rewrite.
   std::error_code ReadContainerChild(const xmlNode* child, ValuePtr& out) {
     const uint32_t type = std::strcmp(Name(child), "Array") == 0 ? kValueTypeArray : kValueTypeHash;
+    const Deeper deeper(level_);
     ValuePtr container;
     if (std::error_code code = ReadContainer(child, type, container); !Succeeded(code)) {
       return code;
@@ -189,11 +205,10 @@ class Walk {
     size_t written = ElementSize(ElementNameOfType(type), 0);
     std::vector<Normalised> children = NormaliseChildren(container, written);
     if (written >= kLargestSafeRewrite) {
-      largeRewrites_ += written;
-      if (largeRewrites_ > kLargeRewriteBudget) return kSerializationError;
-      std::vector<uint8_t> rewrite;
-      if (std::error_code code = AppendByteForm(container, rewrite); !Succeeded(code)) return code;
-      if (!Parses(rewrite)) return kSerializationError;
+      if (std::error_code code = CheckLargeRewrite(container, children, written);
+          !Succeeded(code)) {
+        return code;
+      }
     }
     for (const Normalised& normalised : children) {
       // Nested containers had their rewrites parsed when they were read.
@@ -207,6 +222,35 @@ class Walk {
     writtenSizes_[container] = written;
     out = std::move(container);
     return kSuccess;
+  }
+
+  // Writes the rewrite of a container nested `level_` deep and parses it. Its
+  // nested containers' rewrites were kept when they were checked, and are
+  // copied rather than written again; its own is kept for its parent's.
+  std::error_code CheckLargeRewrite(const ValuePtr& container,
+                                    const std::vector<Normalised>& children, size_t written) {
+    if (!CountReferenceWork(written)) return kSerializationError;
+    std::vector<uint8_t> rewrite;
+    rewrite.reserve(written);
+    const std::error_code code = AppendByteForm(container, rewrite, rewrites_);
+    for (const Normalised& child : children) {
+      if (child.value) rewrites_.erase(child.value);
+    }
+    if (!Succeeded(code)) return code;
+    if (!Parses(rewrite)) return kSerializationError;
+    // A container one level down is the child of one that is rewritten too.
+    if (level_ >= 2) rewrites_.emplace(container, std::move(rewrite));
+    return kSuccess;
+  }
+
+  // Adds what the reference reader spends on this rewrite: it writes and
+  // parses it again for every reading of its parent, and each level of
+  // nesting reads its containers twice. False past kReferenceWorkLimit.
+  bool CountReferenceWork(size_t written) {
+    const unsigned doublings = level_ - 1;
+    if (doublings >= 64 || written > (kReferenceWorkLimit >> doublings)) return false;
+    referenceWork_ += uint64_t{written} << doublings;
+    return referenceWork_ <= kReferenceWorkLimit;
   }
 
   // The direct children in the writer's order, with what reading them again
@@ -316,8 +360,14 @@ class Walk {
   // map holds them, so that the address of one that a later duplicate key
   // replaced cannot come back as another's.
   std::unordered_map<ValuePtr, size_t> writtenSizes_;
-  // Bytes of nested containers' large rewrites checked so far.
-  size_t largeRewrites_ = 0;
+  // How deep the container being read lies: 0 for the root, which is never
+  // rewritten.
+  unsigned level_ = 0;
+  // Bytes the reference reader would write and parse for the large rewrites
+  // checked so far.
+  uint64_t referenceWork_ = 0;
+  // Large rewrites whose parent's rewrite is still to be written.
+  WrittenContainers rewrites_;
 };
 
 }  // namespace

@@ -25,12 +25,14 @@
 // buffer management meets the end of the document ("Huge input lookup" when
 // the parser asks for more input over 10,000,000 bytes past the start of its
 // buffer), on how a long text ends and on what follows it, so it is learnt by
-// parsing, not worked out from sizes. A rewrite holds its whole subtree,
-// though, and a chain of nested containers around large content would make the
-// walk parse nearly all of it once per level. The walk therefore stops with
-// kSerializationError once the large rewrites it has checked pass
-// kLargeRewriteBudget: the one place where it does not give what the reference
-// reader gives, whose own cost on such a file doubles with every level anyway.
+// parsing, not worked out from sizes. A rewrite holds its whole subtree, so a
+// chain of nested containers around large content has the walk parse nearly
+// all of it once per level; the rewrite of a nested container is kept and
+// copied into its parent's, so at least nothing is written twice. The reference
+// reader's own work doubles with every such level, and the walk stops with
+// kSerializationError where that work would pass kReferenceWorkLimit: where
+// the reference reader would take over an hour, and the only place where the
+// walk does not give what it gives.
 
 #include <libxml/tree.h>
 

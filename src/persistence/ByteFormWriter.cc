@@ -27,7 +27,8 @@ constexpr uint32_t kTag = QelErrTag("QSSH");
 
 class DirectWriter {
  public:
-  explicit DirectWriter(std::vector<uint8_t>& out) : out_(out) {}
+  DirectWriter(std::vector<uint8_t>& out, const WrittenContainers* written)
+      : out_(out), written_(written) {}
 
   // Each call stands for one call of the reference writer, which catches its own
   // exceptions: a child that throws is a child that failed, not a failed tree.
@@ -147,6 +148,12 @@ class DirectWriter {
   std::error_code WriteValue(const std::shared_ptr<IValue>& value) {
     if (!value) return kInvalidArgument;
     const uint32_t type = value->GetType();
+    if ((type == kValueTypeArray || type == kValueTypeHash) && written_ != nullptr) {
+      if (auto found = written_->find(value); found != written_->end()) {
+        out_.insert(out_.end(), found->second.begin(), found->second.end());
+        return kSuccess;
+      }
+    }
     const IValue* raw = value.get();
     switch (type) {
       case kValueTypeNull:
@@ -186,13 +193,19 @@ class DirectWriter {
   }
 
   std::vector<uint8_t>& out_;
+  const WrittenContainers* written_;
 };
 
 }  // namespace
 
 std::error_code AppendByteForm(const std::shared_ptr<IValue>& value,
                                std::vector<uint8_t>& out) noexcept {
-  return DirectWriter(out).Write(value);
+  return DirectWriter(out, nullptr).Write(value);
+}
+
+std::error_code AppendByteForm(const std::shared_ptr<IValue>& value, std::vector<uint8_t>& out,
+                               const WrittenContainers& written) noexcept {
+  return DirectWriter(out, &written).Write(value);
 }
 
 }  // namespace QelSS::byteform

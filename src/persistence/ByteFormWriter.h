@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <system_error>
+#include <unordered_map>
 #include <vector>
 
 #include "qelss/values/IValue.h"
@@ -19,5 +20,14 @@ namespace QelSS::byteform {
 // kFailure, as they would for one element of the reference writer.
 [[nodiscard]] std::error_code AppendByteForm(const std::shared_ptr<IValue>& value,
                                              std::vector<uint8_t>& out) noexcept;
+
+// Byte forms already written for containers of a tree, which are copied
+// instead of being written again. They must be what writing them would give.
+using WrittenContainers = std::unordered_map<std::shared_ptr<IValue>, std::vector<uint8_t>>;
+
+// As above, copying the byte form of any container found in `written`.
+[[nodiscard]] std::error_code AppendByteForm(const std::shared_ptr<IValue>& value,
+                                             std::vector<uint8_t>& out,
+                                             const WrittenContainers& written) noexcept;
 
 }  // namespace QelSS::byteform
