@@ -49,11 +49,10 @@ inline constexpr size_t kMaxByteFormSize = 32'000'000;
 // How much XML the reference reader may need to write and parse for the large
 // rewrites of a byte form (those of 9 MB or more) before ReadByteForm refuses
 // it. The reference reader rewrites a container nested in other containers
-// once per reading of its parent, so its work doubles at every level: past
-// this limit (a terabyte; it gets through at most a quarter of a gigabyte a
-// second) it would take over an hour, where ReadByteForm checks each rewrite
-// once.
-inline constexpr uint64_t kReferenceWorkLimit = uint64_t{1} << 40;
+// once per reading of its parent, so its work doubles at every level, where
+// ReadByteForm checks each rewrite once. Past this limit (a petabyte; it gets
+// through at most a quarter of a gigabyte a second) it would take weeks.
+inline constexpr uint64_t kReferenceWorkLimit = uint64_t{1} << 50;
 
 // Replaces `bytes` with the byte form of `value`. kInvalidArgument for a null
 // value; a getter's code when a value cannot give its content; kFailure for a

@@ -31,7 +31,7 @@
 // copied into its parent's, so at least nothing is written twice. The reference
 // reader's own work doubles with every such level, and the walk stops with
 // kSerializationError where that work would pass kReferenceWorkLimit: where
-// the reference reader would take over an hour, and the only place where the
+// the reference reader would take weeks, and the only place where the
 // walk does not give what it gives.
 
 #include <libxml/tree.h>

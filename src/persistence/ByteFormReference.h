@@ -5,7 +5,7 @@
 // bytes and parsed again on its own before it is read (each nested container
 // is read twice, so the cost doubles with every level of nesting). These
 // functions define what the byte form means; ByteForm.h gives the same
-// results in one pass (except where this reader would take over an hour), and
+// results in one pass (except where this reader would take weeks), and
 // uses convertXMLNodeToBytes for the rare element whose rewrite is large enough
 // to meet libxml2's limits. Tests and fuzz targets compare the two.
 //
