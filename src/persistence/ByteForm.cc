@@ -43,7 +43,7 @@ std::error_code ReadByteForm(const std::vector<uint8_t>& bytes,
         !Succeeded(code)) {
       return code;
     }
-    const xmlNode* root = xmlDocGetRootElement(doc.get());
+    xmlNode* root = xmlDocGetRootElement(doc.get());
     if (root == nullptr) return kSerializationError;
     std::shared_ptr<IValue> read;
     std::error_code code = byteform::ReadRootElement(root, read);

@@ -1,9 +1,11 @@
 #include "persistence/LibXml.h"
 
+#include <libxml/SAX2.h>
 #include <libxml/parser.h>
 #include <libxml/xmlerror.h>
 
 #include <climits>
+#include <memory>
 #include <mutex>
 
 #include "qelss/values/ErrorCode.h"
@@ -23,6 +25,40 @@ bool DeclaresEntities(xmlDoc* doc) {
   return subset != nullptr && (subset->entities != nullptr || subset->pentities != nullptr);
 }
 
+// Some refusals (a text node over the size limit) ignore XML_PARSE_NOERROR and
+// print through the thread's generic error channel. It is silenced for one
+// parse only, as the thread may be the application's own.
+class QuietGenericErrors {
+ public:
+  QuietGenericErrors() : function_(xmlGenericError), context_(xmlGenericErrorContext) {
+    xmlSetGenericErrorFunc(nullptr, &IgnoreError);
+  }
+  ~QuietGenericErrors() { xmlSetGenericErrorFunc(context_, function_); }
+  QuietGenericErrors(const QuietGenericErrors&) = delete;
+  QuietGenericErrors& operator=(const QuietGenericErrors&) = delete;
+
+ private:
+  const xmlGenericErrorFunc function_;
+  void* const context_;
+};
+
+struct ParserContextDeleter {
+  void operator()(xmlParserCtxt* context) const noexcept { xmlFreeParserCtxt(context); }
+};
+
+void EndElementAndFree(void* context, const xmlChar* localName, const xmlChar* prefix,
+                       const xmlChar* uri) {
+  auto* parser = static_cast<xmlParserCtxt*>(context);
+  xmlNode* finished = parser->node;
+  xmlSAX2EndElementNs(context, localName, prefix, uri);
+  if (finished == nullptr || finished == parser->node || finished->prev != nullptr ||
+      finished->parent == nullptr || finished->parent->type != XML_ELEMENT_NODE) {
+    return;
+  }
+  xmlUnlinkNode(finished);
+  xmlFreeNode(finished);
+}
+
 }  // namespace
 
 void EnsureLibXml() noexcept {
@@ -35,15 +71,8 @@ xmlDoc* ReadXmlQuietly(const char* data, size_t size, const char* url, const cha
                        int options) {
   EnsureLibXml();
   if (size > static_cast<size_t>(INT_MAX)) return nullptr;
-  // Some refusals (a text node over the size limit) ignore XML_PARSE_NOERROR
-  // and print through the thread's generic error channel. It is silenced for
-  // the parse only, as the thread may be the application's own.
-  const xmlGenericErrorFunc savedFunction = xmlGenericError;
-  void* const savedContext = xmlGenericErrorContext;
-  xmlSetGenericErrorFunc(nullptr, &IgnoreError);
-  xmlDoc* doc = xmlReadMemory(data, static_cast<int>(size), url, encoding, options);
-  xmlSetGenericErrorFunc(savedContext, savedFunction);
-  return doc;
+  const QuietGenericErrors quiet;
+  return xmlReadMemory(data, static_cast<int>(size), url, encoding, options);
 }
 
 std::error_code ParseXml(const uint8_t* data, size_t size, XmlDocument& out) {
@@ -52,6 +81,19 @@ std::error_code ParseXml(const uint8_t* data, size_t size, XmlDocument& out) {
   if (!doc || DeclaresEntities(doc.get())) return kSerializationError;
   out = std::move(doc);
   return kSuccess;
+}
+
+bool ParseXmlAccepts(const uint8_t* data, size_t size) {
+  EnsureLibXml();
+  if (size > static_cast<size_t>(INT_MAX)) return false;
+  // xmlReadMemory is this same call on a context of its own making.
+  std::unique_ptr<xmlParserCtxt, ParserContextDeleter> context(xmlNewParserCtxt());
+  if (!context || context->sax == nullptr) return false;
+  context->sax->endElementNs = &EndElementAndFree;
+  const QuietGenericErrors quiet;
+  XmlDocument doc(xmlCtxtReadMemory(context.get(), reinterpret_cast<const char*>(data),
+                                    static_cast<int>(size), nullptr, "UTF-8", kParseOptions));
+  return doc && !DeclaresEntities(doc.get());
 }
 
 XmlText NodeContent(const xmlNode* node) { return XmlText(xmlNodeGetContent(node)); }

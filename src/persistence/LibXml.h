@@ -45,6 +45,15 @@ xmlDoc* ReadXmlQuietly(const char* data, size_t size, const char* url, const cha
 // amplification of entities (not reached, see above).
 [[nodiscard]] std::error_code ParseXml(const uint8_t* data, size_t size, XmlDocument& out);
 
+// Whether ParseXml takes `size` bytes, learnt without keeping the document:
+// every element below the root that has no sibling before it is freed as soon
+// as it ends. Nothing libxml2 checks looks at a finished element: text is
+// joined only to a text node that is the last child, and an element freed
+// leaves no last child where a kept one would not be text either. So the
+// answer is ParseXml's, while a document of many small elements needs memory
+// for one path of open elements instead of the whole tree.
+[[nodiscard]] bool ParseXmlAccepts(const uint8_t* data, size_t size);
+
 // The text of a node and its descendants (xmlNodeGetContent); null only when
 // libxml2 cannot make it.
 XmlText NodeContent(const xmlNode* node);

@@ -8,6 +8,7 @@
 
 #include "ValueTreeSupport.h"
 #include "persistence/ByteForm.h"
+#include "persistence/LibXml.h"
 #include "platform/report/CaptureSink.h"
 #include "qelss/persistence/SerializationHelpers.h"
 #include "qelss/values/ErrorCode.h"
@@ -375,6 +376,29 @@ TEST_F(HostileInput, LargeContentNestedDeepIsRefusedWhereThePlainReaderWouldTake
   EXPECT_EQ(value->GetType(), kValueTypeArray);
   EXPECT_EQ(HashFactory::CreateFromBytes(hash, nested(27)), make_error_code(kSerializationError));
 #endif
+}
+
+// Large rewrites are checked by a parse that frees each element as it ends.
+// Text that follows an element must still start a text node of its own, and
+// text runs split by references must still join into one node, so that
+// libxml2's limit on one text node (10,000,000 bytes) falls where it would.
+TEST(ParseXmlAccepts, AgreesWithAParseThatKeepsTheTree) {
+  const std::string six(6'000'000, 'x');
+  const std::string five(5'000'000, 'y');
+  for (const std::string& text : {
+           "<a><b/>" + six + "<c/>" + five + "</a>",         // two nodes: taken
+           "<a><b/>" + six + "&lt;" + five + "</a>",         // one node: refused
+           "<a>" + six + "<b><c/></b>" + five + "<d/></a>",  // two nodes: taken
+           "<a><b>" + six + "</b><c>" + six + "</c></a>",    // taken
+           "<a><b/>" + six + "&amp;" + five + "<c/></a>",    // refused
+       }) {
+    byteform::XmlDocument kept;
+    const bool keeping = Succeeded(
+        byteform::ParseXml(reinterpret_cast<const uint8_t*>(text.data()), text.size(), kept));
+    EXPECT_EQ(byteform::ParseXmlAccepts(reinterpret_cast<const uint8_t*>(text.data()), text.size()),
+              keeping)
+        << text.substr(0, 20) << " ... " << text.size();
+  }
 }
 
 TEST(FormatBytes, IndentsOneElementPerLineAfterADeclaration) {
