@@ -1,6 +1,7 @@
 #include "qelss/api/IQSSDomain.h"
 
 #include "api/FacadeReport.h"
+#include "api/FacadeValueTypes.h"
 #include "qelss/values/ErrorCode.h"
 
 namespace QelSS {
@@ -44,20 +45,7 @@ std::error_code IQSSDomain::SetCommit(const char* key, const T& value) {
   template std::error_code IQSSDomain::Set(const char*, const T&); \
   template std::error_code IQSSDomain::SetCommit(const char*, const T&);
 
-QELSS_FACADE_INSTANTIATE(bool)
-QELSS_FACADE_INSTANTIATE(long long)
-QELSS_FACADE_INSTANTIATE(long)
-QELSS_FACADE_INSTANTIATE(unsigned long long)
-QELSS_FACADE_INSTANTIATE(double)
-QELSS_FACADE_INSTANTIATE(std::string)
-QELSS_FACADE_INSTANTIATE(std::vector<unsigned char>)
-QELSS_FACADE_INSTANTIATE(std::shared_ptr<IValue>)
-QELSS_FACADE_INSTANTIATE(std::shared_ptr<IString>)
-QELSS_FACADE_INSTANTIATE(std::shared_ptr<IData>)
-QELSS_FACADE_INSTANTIATE(std::shared_ptr<IUUID>)
-QELSS_FACADE_INSTANTIATE(std::shared_ptr<IHash>)
-QELSS_FACADE_INSTANTIATE(std::shared_ptr<IArray>)
-QELSS_FACADE_INSTANTIATE(std::shared_ptr<IValueSerialize>)
+QELSS_FOR_EACH_FACADE_VALUE(QELSS_FACADE_INSTANTIATE)
 
 #undef QELSS_FACADE_INSTANTIATE
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "api/FacadeValueTypes.h"
 #include "configurations/Bundle.h"
 #include "configurations/ConfigurationsFolder.h"
 #include "configurations/ConfigurationsReport.h"
@@ -225,20 +226,7 @@ std::error_code ConfigurationsDomain::RemoveObserver(const std::shared_ptr<IObse
   template std::error_code ConfigurationsDomain::Get(const char*, T&) const; \
   template std::error_code ConfigurationsDomain::SetCommit(const char*, const T&);
 
-QELSS_CONFIGURATIONS_INSTANTIATE(bool)
-QELSS_CONFIGURATIONS_INSTANTIATE(long long)
-QELSS_CONFIGURATIONS_INSTANTIATE(long)
-QELSS_CONFIGURATIONS_INSTANTIATE(unsigned long long)
-QELSS_CONFIGURATIONS_INSTANTIATE(double)
-QELSS_CONFIGURATIONS_INSTANTIATE(std::string)
-QELSS_CONFIGURATIONS_INSTANTIATE(std::vector<unsigned char>)
-QELSS_CONFIGURATIONS_INSTANTIATE(std::shared_ptr<IValue>)
-QELSS_CONFIGURATIONS_INSTANTIATE(std::shared_ptr<IString>)
-QELSS_CONFIGURATIONS_INSTANTIATE(std::shared_ptr<IData>)
-QELSS_CONFIGURATIONS_INSTANTIATE(std::shared_ptr<IUUID>)
-QELSS_CONFIGURATIONS_INSTANTIATE(std::shared_ptr<IHash>)
-QELSS_CONFIGURATIONS_INSTANTIATE(std::shared_ptr<IArray>)
-QELSS_CONFIGURATIONS_INSTANTIATE(std::shared_ptr<IValueSerialize>)
+QELSS_FOR_EACH_FACADE_VALUE(QELSS_CONFIGURATIONS_INSTANTIATE)
 
 #undef QELSS_CONFIGURATIONS_INSTANTIATE
 
