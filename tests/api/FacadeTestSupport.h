@@ -16,26 +16,13 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/KeyHome.h"
 #include "platform/ScopedTempDir.h"
 #include "qelss/api/QSSDomain.h"
 #include "qelss/domain/IDomainSetting.h"
 #include "qelss/values/ErrorCode.h"
 
 namespace QelSS::testing {
-
-// The file key lives under a data folder private to the test program, so the
-// machine's real key file is never read or created.
-class KeyHome : public ::testing::Environment {
- public:
-  void SetUp() override {
-    folder_ = std::make_unique<ScopedTempDir>();
-    ::setenv("XDG_DATA_HOME", folder_->path().c_str(), 1);
-  }
-  void TearDown() override { folder_.reset(); }
-
- private:
-  std::unique_ptr<ScopedTempDir> folder_;
-};
 
 inline std::error_code Code(ErrorCode code) { return make_error_code(code); }
 

@@ -9,7 +9,7 @@
 #include "PersistenceTestSupport.h"
 #include "persistence/Envelope.h"
 #include "persistence/Key.h"
-#include "platform/ScopedTempDir.h"
+#include "platform/KeyHome.h"
 #include "platform/crypto/Aes256Cbc.h"
 #include "platform/report/CaptureSink.h"
 #include "qelss/values/ErrorCode.h"
@@ -19,22 +19,8 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// The process's file key lives under a temporary data folder for this program,
-// so that the machine's real key file is never read or created.
-class KeyHome : public ::testing::Environment {
- public:
-  void SetUp() override {
-    folder_ = std::make_unique<testing::ScopedTempDir>();
-    ::setenv("XDG_DATA_HOME", folder_->path().c_str(), 1);
-  }
-  void TearDown() override { folder_.reset(); }
-
- private:
-  std::unique_ptr<testing::ScopedTempDir> folder_;
-};
-
 [[maybe_unused]] ::testing::Environment* const kKeyHome =
-    ::testing::AddGlobalTestEnvironment(new KeyHome);
+    ::testing::AddGlobalTestEnvironment(new testing::KeyHome);
 
 Bytes FromHex(std::string_view hex) {
   Bytes out;

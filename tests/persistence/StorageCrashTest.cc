@@ -30,14 +30,8 @@ using testing::SameTree;
 [[maybe_unused]] ::testing::Environment* const kKeyHome =
     ::testing::AddGlobalTestEnvironment(new testing::KeyHome);
 
-class StorageFaultTest : public ::testing::Test {
+class StorageFaultTest : public testing::SettingsFolderTest {
  protected:
-  void SetUp() override { ASSERT_FALSE(dir_.path().empty()); }
-
-  std::string path() const { return dir_ / "settings"; }
-  std::string temporary() const { return path() + "xyzzyx"; }
-  bool Exists(const std::string& file) const { return ::access(file.c_str(), F_OK) == 0; }
-
   std::error_code FaultyWrite(const std::shared_ptr<IHash>& tree) {
     return testing::Write(faulty_, path(), tree);
   }
@@ -58,7 +52,6 @@ class StorageFaultTest : public ::testing::Test {
         sink->HasTrace(std::string(operation) + " failed (" + std::to_string(code.value()) + ")"));
   }
 
-  testing::ScopedTempDir dir_;
   std::shared_ptr<FaultyFileSystem> files_ = std::make_shared<FaultyFileSystem>();
   Storage faulty_{files_};
   const std::shared_ptr<IHash> old_ = MakeTree(1, 300);

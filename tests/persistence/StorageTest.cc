@@ -25,14 +25,8 @@ using testing::SameTree;
 [[maybe_unused]] ::testing::Environment* const kKeyHome =
     ::testing::AddGlobalTestEnvironment(new testing::KeyHome);
 
-class StorageTest : public ::testing::Test {
+class StorageTest : public testing::SettingsFolderTest {
  protected:
-  void SetUp() override { ASSERT_FALSE(dir_.path().empty()); }
-
-  std::string path() const { return dir_ / "settings"; }
-  std::string temporary() const { return path() + "xyzzyx"; }
-  bool Exists(const std::string& file) const { return ::access(file.c_str(), F_OK) == 0; }
-
   testing::ReadResult Read() { return testing::Read(*storage_, path()); }
   std::error_code Write(const std::shared_ptr<IHash>& tree) {
     return testing::Write(*storage_, path(), tree);
@@ -46,7 +40,6 @@ class StorageTest : public ::testing::Test {
     ::close(fd);
   }
 
-  testing::ScopedTempDir dir_;
   std::shared_ptr<Storage> storage_ = std::make_shared<Storage>();
 };
 

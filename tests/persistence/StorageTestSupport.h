@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "persistence/Storage.h"
+#include "platform/KeyHome.h"
 #include "platform/ScopedTempDir.h"
 #include "platform/support/FileSystemWrapper.h"
 #include "qelss/values/ArrayFactory.h"
@@ -31,19 +32,16 @@
 
 namespace QelSS::testing {
 
-// The process's file key lives under a temporary data folder, so that the
-// machine's real key file is never read or created. Child processes inherit
-// the folder and find the same key file.
-class KeyHome : public ::testing::Environment {
- public:
-  void SetUp() override {
-    folder_ = std::make_unique<ScopedTempDir>();
-    ::setenv("XDG_DATA_HOME", folder_->path().c_str(), 1);
-  }
-  void TearDown() override { folder_.reset(); }
+// A test with a folder of its own, where the domain file is "settings".
+class SettingsFolderTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_FALSE(dir_.path().empty()); }
 
- private:
-  std::unique_ptr<ScopedTempDir> folder_;
+  std::string path() const { return dir_ / "settings"; }
+  std::string temporary() const { return path() + "xyzzyx"; }
+  bool Exists(const std::string& file) const { return ::access(file.c_str(), F_OK) == 0; }
+
+  ScopedTempDir dir_;
 };
 
 template <typename T>
