@@ -98,44 +98,45 @@ class DirectWriter {
     return kSuccess;
   }
 
-  std::error_code WriteArray(const IArray& array, const char* name) noexcept {
+  // One child of a container, in pieces for a hash entry (key, then value). A
+  // child that cannot be written is cut off again and ends its container.
+  template <typename... Pieces>
+  void WriteChild(bool& stop, const Pieces&... pieces) {
+    const size_t mark = out_.size();
+    if ((Succeeded(Write(pieces)) && ...)) return;
+    out_.resize(mark);
+    stop = true;
+  }
+
+  // The container's element around what `walk` writes; the walk's own
+  // failure (not a child's) fails the container.
+  template <typename Walk>
+  std::error_code WriteContainer(const char* name, const char* operation, Walk walk) noexcept {
     try {
       StartTag(name);
-      std::error_code walked =
-          array.Iterate([&](const std::shared_ptr<IValue>& element, unsigned int, bool& stop) {
-            const size_t mark = out_.size();
-            if (!Succeeded(Write(element))) {
-              out_.resize(mark);
-              stop = true;
-            }
-          });
-      if (!Succeeded(walked)) return walked;
+      if (std::error_code walked = walk(); !Succeeded(walked)) return walked;
       EndTag(name);
       return kSuccess;
     } catch (...) {
-      ReportCaughtException(1, kTag, "writeArraytoXML");
+      ReportCaughtException(1, kTag, operation);
       return kFailure;
     }
   }
 
-  std::error_code WriteHash(const IHash& hash, const char* name) noexcept {
-    try {
-      StartTag(name);
-      std::error_code walked = hash.Iterate([&](const std::shared_ptr<IString>& key,
-                                                const std::shared_ptr<IValue>& value, bool& stop) {
-        const size_t mark = out_.size();
-        if (!Succeeded(Write(key)) || !Succeeded(Write(value))) {
-          out_.resize(mark);
-          stop = true;
-        }
+  std::error_code WriteArray(const IArray& array, const char* name) noexcept {
+    return WriteContainer(name, "writeArraytoXML", [&] {
+      return array.Iterate([&](const std::shared_ptr<IValue>& element, unsigned int, bool& stop) {
+        WriteChild(stop, element);
       });
-      if (!Succeeded(walked)) return walked;
-      EndTag(name);
-      return kSuccess;
-    } catch (...) {
-      ReportCaughtException(1, kTag, "writeHashtoXML");
-      return kFailure;
-    }
+    });
+  }
+
+  std::error_code WriteHash(const IHash& hash, const char* name) noexcept {
+    return WriteContainer(name, "writeHashtoXML", [&] {
+      return hash.Iterate([&](const std::shared_ptr<IString>& key,
+                              const std::shared_ptr<IValue>& value,
+                              bool& stop) { WriteChild(stop, key, value); });
+    });
   }
 
   // A value whose tag names an interface it does not have is not written.
