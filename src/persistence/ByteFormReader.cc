@@ -46,9 +46,7 @@ xmlNode* NextElement(xmlNode* node) {
 }
 
 // A child that has been read is not looked at again. Freeing it at once keeps
-// the document and the values made from it from being held whole together,
-// which for a large file of small elements halves what the read needs at its
-// peak.
+// the document and the values made from it from being held whole together.
 void Discard(xmlNode* node) {
   xmlUnlinkNode(node);
   xmlFreeNode(node);

@@ -44,8 +44,8 @@
 namespace QelSS::byteform {
 
 // Reads the tree whose root element is `root`; results as ReadValueReference
-// gives for the document. Elements below the root are freed as they are read,
-// so whatever the result, the document holds little more than its root after.
+// gives for the document. Elements below the root are freed as they are read:
+// the document is of no use afterwards, whatever the result.
 // Exceptions are reported ("QSSH") and give kFailure.
 [[nodiscard]] std::error_code ReadRootElement(xmlNode* root, std::shared_ptr<IValue>& out) noexcept;
 
