@@ -289,18 +289,23 @@ void ReadHostileFile(benchmark::State& state, const Bytes& bytes, std::error_cod
   state.counters["bytes"] = static_cast<double>(bytes.size());
 }
 
+// `array` below `depth` hashes, each a key and the next level.
+Bytes BelowHashes(int depth, const std::string& array) {
+  std::string text;
+  for (int i = 0; i < depth; ++i) text += "<Hash><String>k</String>";
+  text += array;
+  for (int i = 0; i < depth; ++i) text += "</Hash>";
+  return Bytes(text.begin(), text.end());
+}
+
 // 30 MB of strings below `depth` hashes, ending in short elements so that
 // libxml2 takes each level's rewrite and nothing stops the walk early.
 Bytes HostileDeepFile(int depth) {
-  std::string text;
-  for (int i = 0; i < depth; ++i) text += "<Hash><String>k</String>";
-  text += "<Array>";
+  std::string array = "<Array>";
   const std::string string = "<String>" + std::string(10000, 'x') + "</String>";
-  for (int i = 0; i < 3000; ++i) text += string;
-  for (int i = 0; i < 40; ++i) text += "<NULL/>";
-  text += "</Array>";
-  for (int i = 0; i < depth; ++i) text += "</Hash>";
-  return Bytes(text.begin(), text.end());
+  for (int i = 0; i < 3000; ++i) array += string;
+  for (int i = 0; i < 40; ++i) array += "<NULL/>";
+  return BelowHashes(depth, array + "</Array>");
 }
 
 void BM_ReadHostileDeepFile(benchmark::State& state) {
@@ -308,16 +313,15 @@ void BM_ReadHostileDeepFile(benchmark::State& state) {
 }
 BENCHMARK(BM_ReadHostileDeepFile)->Unit(benchmark::kMillisecond)->Iterations(3);
 
+// 32 MB in all of doubles near the largest, below `depth` hashes.
 Bytes HostileDoubles(int depth) {
-  std::string text;
-  for (int i = 0; i < depth; ++i) text += "<Hash><String>k</String>";
-  text += "<Array>";
-  while (text.size() < QelSS::kMaxByteFormSize - 100 - 31 * static_cast<size_t>(depth)) {
-    text += "<Number type=\"double\">1e308</Number>";
+  // Each level adds 31 bytes around the array.
+  const size_t room = QelSS::kMaxByteFormSize - 100 - 31 * static_cast<size_t>(depth);
+  std::string array = "<Array>";
+  while (array.size() < room) {
+    array += "<Number type=\"double\">1e308</Number>";
   }
-  text += "</Array>";
-  for (int i = 0; i < depth; ++i) text += "</Hash>";
-  return Bytes(text.begin(), text.end());
+  return BelowHashes(depth, array + "</Array>");
 }
 
 void BM_ReadHostileDoubles(benchmark::State& state) {
