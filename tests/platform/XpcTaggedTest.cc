@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/XpcRef.h"
 #include "platform/xpc/XpcObject.h"
 #include "qelss/platform/xpc.h"
 
@@ -18,14 +19,7 @@ namespace {
 
 using QelSS::xpc::IsTagged;
 
-struct Ref {
-  explicit Ref(xpc_object_t o) : object(o) {}
-  ~Ref() { xpc_release(object); }
-  Ref(const Ref&) = delete;
-  Ref& operator=(const Ref&) = delete;
-  operator xpc_object_t() const { return object; }  // NOLINT: tests read better without .object
-  xpc_object_t object;
-};
+using QelSS::testing::Ref;
 
 constexpr int64_t kInt64Limit = int64_t{1} << 60;
 constexpr uint64_t kUInt64Limit = uint64_t{1} << 61;

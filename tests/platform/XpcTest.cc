@@ -8,19 +8,12 @@
 #include <thread>
 #include <vector>
 
+#include "platform/XpcRef.h"
 #include "qelss/platform/xpc.h"
 
 namespace {
 
-// Owns one reference for the length of a test.
-struct Ref {
-  explicit Ref(xpc_object_t o) : object(o) {}
-  ~Ref() { xpc_release(object); }
-  Ref(const Ref&) = delete;
-  Ref& operator=(const Ref&) = delete;
-  operator xpc_object_t() const { return object; }  // NOLINT: tests read better without .object
-  xpc_object_t object;
-};
+using QelSS::testing::Ref;
 
 std::vector<std::string> DictionaryKeys(xpc_object_t dictionary) {
   std::vector<std::string> keys;
