@@ -2,14 +2,13 @@
 
 #include <sys/stat.h>
 
-#include <cerrno>
 
+#include "platform/support/FilePermissions.h"
 #include "qelss/values/ErrorCode.h"
 
 namespace QelSS {
 namespace {
 
-constexpr mode_t kFolderMode = 0770;
 constexpr const char* kDelimiters = "/ ";
 
 bool IsDirectory(const std::string& path) {
@@ -20,14 +19,6 @@ bool IsDirectory(const std::string& path) {
 bool Exists(const std::string& path) {
   struct stat info {};
   return ::stat(path.c_str(), &info) == 0;
-}
-
-// mkdir applies the umask; the mode is set again so that the group can use
-// the folder whatever the process's umask.
-bool MakeLevel(const std::string& path) {
-  if (::mkdir(path.c_str(), kFolderMode) == 0) return ::chmod(path.c_str(), kFolderMode) == 0;
-  // Another process may have made it in between.
-  return errno == EEXIST && IsDirectory(path);
 }
 
 }  // namespace
@@ -43,7 +34,7 @@ std::error_code MakeFolderLevels(const std::string& folder) {
     const size_t end = folder.find_first_of(kDelimiters, start);
     if (!level.empty() || absolute) level += '/';
     level += folder.substr(start, end == std::string::npos ? std::string::npos : end - start);
-    if (Exists(level) ? !IsDirectory(level) : !MakeLevel(level)) {
+    if (Exists(level) ? !IsDirectory(level) : !platform::MakeGroupZeroFolder(level)) {
       return make_error_code(kDirectoryError);
     }
     start = end == std::string::npos ? end : folder.find_first_not_of(kDelimiters, end);

@@ -37,4 +37,29 @@ std::error_code QSSDomain::Save(unsigned waitSeconds) const {
   }
 }
 
+std::error_code QSSDomain::LocalDomainExists(const char* name, const char* folder, bool& exists) {
+  try {
+    if (name == nullptr || *name == '\0' || folder == nullptr || *folder == '\0') {
+      return make_error_code(kInvalidArgument);
+    }
+    return LocalDomainSetting::Exists(folder, name, exists);
+  } catch (...) {
+    return ReportFacadeException("LocalDomainExists");
+  }
+}
+
+std::error_code QSSDomain::DamagedFileKept(std::string& path) const {
+  try {
+    if (!domain_) return make_error_code(kDomainNotOpen);
+    auto* local = dynamic_cast<LocalDomainSetting*>(domain_.get());
+    if (!local) {
+      path.clear();
+      return make_error_code(kSuccess);
+    }
+    return local->DamagedFileKept(path);
+  } catch (...) {
+    return ReportFacadeException("DamagedFileKept");
+  }
+}
+
 }  // namespace QelSS

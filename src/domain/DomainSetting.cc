@@ -20,13 +20,6 @@ namespace {
 constexpr uint32_t kQueueTag = DispatchQueue::MakeTag("QSSE");
 constexpr uint32_t kReportTag = QelErrTag("DOST");
 
-std::string LowerCase(std::string name) {
-  for (char& c : name) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return name;
-}
-
 // The deep copy that transactions and savers work on.
 std::error_code CloneRoot(const std::shared_ptr<IHash>& root, std::shared_ptr<IHash>& copy) {
   std::shared_ptr<IValue> cloned;
@@ -39,8 +32,15 @@ std::error_code CloneRoot(const std::shared_ptr<IHash>& root, std::shared_ptr<IH
 
 }  // namespace
 
+std::string DomainSetting::CanonicalName(std::string name) {
+  for (char& c : name) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return name;
+}
+
 DomainSetting::DomainSetting(const std::string& name, bool createWhenMissing)
-    : name_(LowerCase(name)), createWhenMissing_(createWhenMissing) {
+    : name_(CanonicalName(name)), createWhenMissing_(createWhenMissing) {
   // The queue factory reports success as 0; the tree's factory as kSuccess.
   std::error_code failed =
       DispatchQueue::QueueFactory::Create(domainQueue_, DispatchQueue::kQueueTypeSerial,

@@ -70,6 +70,8 @@ class DomainSetting : public IDomainSetting,
 
   // ---- Constant after construction; readable from any thread.
   const std::string& Name() const noexcept { return name_; }
+  // The name as every comparison and file name uses it: ASCII lower case.
+  static std::string CanonicalName(std::string name);
   bool CreateWhenMissing() const noexcept { return createWhenMissing_; }
   bool IsRemote() const noexcept { return isRemote_; }
   // Call only from the subclass's constructor.

@@ -106,7 +106,7 @@ LocalDomainSetting::LocalDomainSetting(const std::string& name, bool createWhenM
                                        std::shared_ptr<IStorage> storage)
     : DomainSetting(name, createWhenMissing),
       storage_(std::move(storage)),
-      domainFile_(configuration.folder + "/" + kFilePrefix + Name()),
+      domainFile_(FileFor(configuration.folder, Name())),
       backupFile_(configuration.folder + "/" + kBackupFolder + "/" + kFilePrefix + Name()) {
   CheckFileName(Name());
   if (!storage_) throw QelSharedSettingsException(make_error_code(kInvalidArgument), kInitFailed);
@@ -116,6 +116,15 @@ LocalDomainSetting::LocalDomainSetting(const std::string& name, bool createWhenM
     throw QelSharedSettingsException(make_error_code(kAllocationFailed), kInitFailed);
   }
   dispatch_source_set_timer(saveTimer_, dispatch_time(DISPATCH_TIME_NOW, 0), kTimerNs, kTimerNs);
+}
+
+std::string LocalDomainSetting::FileFor(const std::string& folder, const std::string& name) {
+  return folder + "/" + kFilePrefix + CanonicalName(name);
+}
+
+std::error_code LocalDomainSetting::Exists(const std::string& folder, const std::string& name,
+                                           bool& exists) {
+  return DomainFileExists(*platform::DefaultFileSystem(), FileFor(folder, name), exists);
 }
 
 LocalDomainSetting::~LocalDomainSetting() {
@@ -173,24 +182,60 @@ std::error_code LocalDomainSetting::FetchSettings(std::function<void(std::error_
     done(InstallEmptyTree());
   } else if (read == kCryptError || read == kVerificationError) {
     Report("FetchSetting", "Reading domain from backup", Name(), read);
-    return FetchBackupSettings(std::move(done));
+    done(RestoreFromBackup(read));
   } else {
     done(read);
   }
   return kSuccess;
 }
 
+std::error_code LocalDomainSetting::ReadBackup(std::shared_ptr<IHash>& tree) {
+  const std::error_code read = ReadTree(backupFile_, tree);
+  if (read != kSuccess) return Report("FetchDomain", "Failed to read backup file", Name(), read);
+  return kSuccess;
+}
+
 std::error_code LocalDomainSetting::FetchBackupSettings(std::function<void(std::error_code)> done) {
   if (!done) return kInvalidArgument;
   std::shared_ptr<IHash> tree;
-  const std::error_code read = ReadTree(backupFile_, tree);
-  if (read != kSuccess) {
-    done(Report("FetchDomain", "Failed to read backup file", Name(), read));
-    return kSuccess;
-  }
-  // Dirty: the damaged domain file is replaced by what the backup holds.
-  done(InstallTree(std::move(tree), true));
+  const std::error_code read = ReadBackup(tree);
+  // Dirty: the domain file is replaced by what the backup holds.
+  done(read == kSuccess ? InstallTree(std::move(tree), true) : read);
   return kSuccess;
+}
+
+// The damaged file may hold newer settings than the backup and be mostly
+// recoverable, so it is kept under another name before the backup's tree is
+// written over it; where it cannot be kept, nothing is restored.
+std::error_code LocalDomainSetting::RestoreFromBackup(std::error_code damage) {
+  std::shared_ptr<IHash> tree;
+  if (std::error_code read = ReadBackup(tree); read != kSuccess) return read;
+  std::error_code result = make_error_code(kFailure);
+  std::string kept;
+  storage_->KeepDamagedFile(domainFile_, [&](std::error_code code, const std::string& path) {
+    result = code;
+    kept = path;
+  });
+  if (result != kSuccess) {
+    return Report("FetchDomain", "Failed to keep the damaged domain file", Name(), result);
+  }
+  Report("FetchDomain", ("Restored from backup; the damaged file is kept as " + kept).c_str(),
+         Name(), damage);
+  return RunOnDomainQueue("FetchSettings", [&] {
+    std::error_code installed = ReplaceSettingsTree(std::move(tree));
+    if (installed == kSuccess) {
+      damagedFileKept_ = kept;
+      MarkDirty();
+    }
+    return installed;
+  });
+}
+
+std::error_code LocalDomainSetting::DamagedFileKept(std::string& path) {
+  return RunOnDomainQueue("DamagedFileKept", [&] {
+    path = damagedFileKept_;
+    return make_error_code(kSuccess);
+  });
 }
 
 // ---- Committing

@@ -61,7 +61,9 @@ class LocalDomainSetting final : public DomainSetting {
   //   kSuccess  loaded; or the file is missing and the domain was made with
   //             createWhenMissing: it starts empty and is written out; or the
   //             file is damaged (kCryptError, kVerificationError) and the
-  //             backup copy was loaded instead, and is written back.
+  //             backup copy was loaded instead, and is written back; the
+  //             damaged file is first kept beside it (DamagedFileKept), and
+  //             where that fails the domain does not open.
   //   kDomainNotOpen  no file and no createWhenMissing.
   //   other     the storage's failure, or the backup's when the fallback fails.
   [[nodiscard]] std::error_code FetchSettings(std::function<void(std::error_code)> done) override;
@@ -86,6 +88,18 @@ class LocalDomainSetting final : public DomainSetting {
   // queue (that is, from a commit or fetch completion running there).
   [[nodiscard]] std::error_code SaveSettings(unsigned waitSeconds);
 
+  // The file of domain `name` in `folder`.
+  static std::string FileFor(const std::string& folder, const std::string& name);
+  // Whether domain `name` has a file in `folder`, looked at under the file's
+  // lock so that a write under way in another process cannot hide it.
+  [[nodiscard]] static std::error_code Exists(const std::string& folder, const std::string& name,
+                                              bool& exists);
+
+  // Where the damaged domain file was kept when opening found it damaged and
+  // loaded the backup copy instead; empty when the domain was loaded from its
+  // own file.
+  [[nodiscard]] std::error_code DamagedFileKept(std::string& path);
+
   const std::string& DomainFile() const noexcept { return domainFile_; }
   const std::string& BackupFile() const noexcept { return backupFile_; }
 
@@ -94,6 +108,8 @@ class LocalDomainSetting final : public DomainSetting {
   struct SaveWaiter;
 
   std::error_code ReadTree(const std::string& path, std::shared_ptr<IHash>& tree);
+  std::error_code ReadBackup(std::shared_ptr<IHash>& tree);
+  std::error_code RestoreFromBackup(std::error_code damage);
   std::error_code InstallTree(std::shared_ptr<IHash> tree, bool dirty);
   std::error_code InstallEmptyTree();
   void MarkDirty();
@@ -124,6 +140,7 @@ class LocalDomainSetting final : public DomainSetting {
   unsigned long exitFlusher_ = 0;
   std::chrono::system_clock::time_point lastChange_{};
   platform::KeepAlive::Token keepAlive_ = 0;
+  std::string damagedFileKept_;
 };
 
 }  // namespace QelSS

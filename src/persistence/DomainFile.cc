@@ -1,5 +1,7 @@
 #include "persistence/DomainFile.h"
 
+#include <ctime>
+
 #include "persistence/Envelope.h"
 #include "persistence/ReadBackCheck.h"
 #include "platform/support/ScopedFile.h"
@@ -32,6 +34,42 @@ std::error_code ReadFailure() {
 std::error_code DumpFailure() {
   return Report("WriteSettings", "Error dumping contents to disk", kFileWriteError);
 }
+
+constexpr size_t kMaxFileNameLength = 255;
+// Damaged copies of one file within one second get "-1", "-2", ... appended.
+constexpr int kMaxDamagedNames = 100;
+
+// The whole-operation hold on one domain file against other processes.
+class DomainLock {
+ public:
+  explicit DomainLock(IFileSystem& files) : files_(files) {}
+  ~DomainLock() {
+    if (fd_ >= 0) (void)files_.Close(fd_);
+  }
+  DomainLock(const DomainLock&) = delete;
+  DomainLock& operator=(const DomainLock&) = delete;
+
+  std::error_code Take(const std::string& path) {
+    const std::error_code code = files_.LockFile(path + kLockFileSuffix, kDomainLockWait, fd_);
+    if (code == kSuccess || CannotMakeLockFile(code)) return kSuccess;
+    if (code == std::errc::timed_out) {
+      return Report("lock", "Another process held the domain file too long", kTimeout);
+    }
+    return Report("lock", "Failed to lock the domain file", code);
+  }
+
+ private:
+  // No folder yet, or one this process may not write: it cannot change the
+  // files either, so there is nothing to keep it from.
+  static bool CannotMakeLockFile(std::error_code code) {
+    return code == std::errc::no_such_file_or_directory || code == std::errc::not_a_directory ||
+           code == std::errc::permission_denied || code == std::errc::operation_not_permitted ||
+           code == std::errc::read_only_file_system;
+  }
+
+  IFileSystem& files_;
+  int fd_ = -1;
+};
 
 std::string TemporaryPath(const std::string& path) { return path + kTemporaryFileSuffix; }
 std::string FirstWritePath(const std::string& path) { return path + kFirstWriteFileSuffix; }
@@ -111,11 +149,59 @@ std::error_code PrepareTemporary(IFileSystem& files, const std::string& temporar
   return code;
 }
 
+// "20261124T053912Z": sorts by time and holds no character a file name or
+// a shell would stumble on.
+std::string UtcStamp() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  char text[32] = {};
+  if (gmtime_r(&now, &utc) == nullptr || std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc) == 0) {
+    return "unknown-time";
+  }
+  return text;
+}
+
+// P ".damaged-<stamp>[-n]", with P's own name shortened where the whole name
+// would pass the file system's limit: the copy matters more than its name.
+std::string DamagedPath(const std::string& path, const std::string& stamp, int attempt) {
+  std::string suffix = std::string(kDamagedFileSuffix) + stamp;
+  if (attempt > 0) suffix += "-" + std::to_string(attempt);
+  const size_t slash = path.find_last_of('/');
+  const size_t nameStart = slash == std::string::npos ? 0 : slash + 1;
+  std::string name = path.substr(nameStart);
+  if (name.size() + suffix.size() > kMaxFileNameLength) {
+    name.resize(kMaxFileNameLength - suffix.size());
+  }
+  return path.substr(0, nameStart) + name + suffix;
+}
+
+// For file systems without hard links: a synced copy under the new name.
+std::error_code CopyFile(IFileSystem& files, const std::string& from, const std::string& to) {
+  if (files.Exists(to)) return std::make_error_code(std::errc::file_exists);
+  std::vector<uint8_t> bytes;
+  int in = -1;
+  if (std::error_code code = files.Open(from, OpenMode::kRead, in); code != kSuccess) return code;
+  ScopedFile source(files, in);
+  if (std::error_code code = ReadAll(files, in, bytes); code != kSuccess) return code;
+  if (std::error_code code = WriteTemporary(files, to, bytes); code != kSuccess) {
+    (void)files.Remove(to);
+    return code;
+  }
+  return files.SetPermissions(to, kDomainFileMode, kKeepOwner, kDomainFileGroup);
+}
+
+bool LinksUnsupported(std::error_code code) {
+  return code == std::errc::operation_not_permitted || code == std::errc::cross_device_link ||
+         code == std::errc::operation_not_supported || code == std::errc::too_many_links;
+}
+
 }  // namespace
 
 std::error_code ReadDomainBytes(IFileSystem& files, const std::string& path,
                                 std::vector<uint8_t>& out) {
   if (path.empty()) return kInvalidArgument;
+  DomainLock lock(files);
+  if (std::error_code code = lock.Take(path); code != kSuccess) return code;
   bool found = false;
   if (std::error_code code = PromoteLoneTemporary(files, path, found); code != kSuccess) {
     return code;
@@ -153,6 +239,8 @@ std::error_code ReadDomainFile(IFileSystem& files, const std::string& path,
 std::error_code ReplaceDomainBytes(IFileSystem& files, const std::string& path,
                                    const std::vector<uint8_t>& envelope) {
   if (path.empty()) return kInvalidArgument;
+  DomainLock lock(files);
+  if (std::error_code code = lock.Take(path); code != kSuccess) return code;
   // A lone T holds the previous tree; truncating it for this write would leave
   // nothing to fall back on should this write fail too.
   bool found = false;
@@ -208,6 +296,38 @@ std::error_code WriteDomainFile(IFileSystem& files, const std::string& path,
     return Report("WriteSettings", "Failed to encrypt objectBytes", code);
   }
   return ReplaceDomainBytes(files, path, envelope);
+}
+
+std::error_code DomainFileExists(IFileSystem& files, const std::string& path, bool& exists) {
+  if (path.empty()) return kInvalidArgument;
+  DomainLock lock(files);
+  if (std::error_code code = lock.Take(path); code != kSuccess) return code;
+  exists = files.Exists(path) || files.Exists(TemporaryPath(path));
+  return kSuccess;
+}
+
+std::error_code KeepDamagedFile(IFileSystem& files, const std::string& path, std::string& kept) {
+  if (path.empty()) return kInvalidArgument;
+  DomainLock lock(files);
+  if (std::error_code code = lock.Take(path); code != kSuccess) return code;
+  const std::string stamp = UtcStamp();
+  std::error_code code = make_error_code(kFailure);
+  for (int attempt = 0; attempt < kMaxDamagedNames; ++attempt) {
+    const std::string candidate = DamagedPath(path, stamp, attempt);
+    // A second name for the same file: P's removal by the next write then
+    // leaves the damaged bytes under it, untouched and with P's mode.
+    code = files.Link(path, candidate);
+    if (LinksUnsupported(code)) code = CopyFile(files, path, candidate);
+    if (code == std::errc::file_exists) continue;
+    if (code != kSuccess) break;
+    if (files.SyncDirectory(platform::ParentDirectory(candidate)) != kSuccess) {
+      code = DumpFailure();
+      break;
+    }
+    kept = candidate;
+    return kSuccess;
+  }
+  return Report("KeepDamagedFile", "Failed to keep the damaged domain file", code);
 }
 
 }  // namespace QelSS

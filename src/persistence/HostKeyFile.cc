@@ -1,10 +1,7 @@
 #include "persistence/HostKeyFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <memory>
 
 #include "persistence/CryptoTables.h"
@@ -12,7 +9,7 @@
 #include "platform/crypto/SecureRandom.h"
 #include "platform/crypto/Sha256.h"
 #include "platform/support/Base64.h"
-#include "platform/support/FilePermissions.h"
+#include "platform/support/ScopedFile.h"
 #include "qelss/values/ErrorCode.h"
 #include "values/FailureReport.h"
 
@@ -25,10 +22,13 @@ constexpr uint32_t kTag = QelErrTag("SSKC");
 constexpr const char* kMismatchText = "SHA Mismatch (calculatedHostKeySHA != SHA256HostKey)";
 // A real key file is 88 bytes; anything this large is not one and is not read
 // into memory.
-constexpr off_t kMaxKeyFileSize = 1 << 20;
-constexpr mode_t kKeyFileMode = 0640;
+constexpr uint64_t kMaxKeyFileSize = 1 << 20;
+constexpr unsigned kKeyFileMode = 0640;
+constexpr gid_t kKeyFileGroup = 0;
 
-using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+using platform::IFileSystem;
+using platform::OpenMode;
+using platform::ScopedFile;
 
 void ApplyMask(std::vector<uint8_t>& blob) {
   for (size_t i = 0; i < blob.size(); ++i) blob[i] ^= kHostKeyMask[i % kHostKeyMask.size()];
@@ -39,39 +39,71 @@ std::error_code Report(const char* operation, const char* domain, const char* me
   return ReportFailure(FailureReport{kTag, operation, domain, message}, code);
 }
 
-std::error_code ReadWholeFile(const std::string& path, std::string& text) {
-  struct stat info {};
-  if (::stat(path.c_str(), &info) != 0) return kNotFound;
-  if (info.st_size > kMaxKeyFileSize) return kFileReadError;
-  File file(std::fopen(path.c_str(), "rb"), &std::fclose);
-  if (!file) return kFileReadError;
+std::error_code ReadWholeFile(IFileSystem& files, const std::string& path, std::string& text) {
+  uint64_t size = 0;
+  if (files.Stat(path, size) != kSuccess) return kNotFound;
+  if (size > kMaxKeyFileSize) return kFileReadError;
+  int fd = -1;
+  if (files.Open(path, OpenMode::kRead, fd) != kSuccess) return kFileReadError;
+  ScopedFile file(files, fd);
   std::string content;
-  char buffer[512];
-  size_t got;
-  while ((got = std::fread(buffer, 1, sizeof buffer, file.get())) > 0) {
-    content.append(buffer, got);
-    if (content.size() > static_cast<size_t>(kMaxKeyFileSize)) return kFileReadError;
+  uint8_t buffer[512];
+  for (;;) {
+    size_t got = 0;
+    if (files.Read(fd, buffer, got) != kSuccess) return kFileReadError;
+    if (got == 0) break;
+    content.append(reinterpret_cast<const char*>(buffer), got);
+    if (content.size() > kMaxKeyFileSize) return kFileReadError;
   }
-  if (std::ferror(file.get())) return kFileReadError;
   text = std::move(content);
   return kSuccess;
 }
 
-// Opens for writing with the key file's mode from the start, so that the key
-// is never readable by others between creation and the permission change.
-File OpenForWriting(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kKeyFileMode);
-  if (fd < 0) return File(nullptr, &std::fclose);
-  FILE* stream = ::fdopen(fd, "wb");
-  if (stream == nullptr) ::close(fd);
-  return File(stream, &std::fclose);
+std::error_code WriteAll(IFileSystem& files, int fd, const std::string& text) {
+  std::span<const uint8_t> rest(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+  while (!rest.empty()) {
+    size_t count = 0;
+    if (files.Write(fd, rest, count) != kSuccess || count == 0) return kFileWriteError;
+    rest = rest.subspan(count);
+  }
+  return kSuccess;
+}
+
+// The key reaches its own name only whole and on stable storage: a failure
+// at any step (a full disk, say) leaves no key file rather than an empty or
+// partial one, which would lock every domain out for good.
+std::error_code WriteKeyText(IFileSystem& files, const std::string& path,
+                             const std::string& text) {
+  const std::string temporary = path + ".new-" + std::to_string(::getpid());
+  int fd = -1;
+  if (files.Open(temporary, OpenMode::kWriteTruncate, fd) != kSuccess) return kFileWriteError;
+  ScopedFile file(files, fd);
+  std::error_code code = WriteAll(files, fd, text);
+  if (code == kSuccess && files.Sync(fd) != kSuccess) code = kFileWriteError;
+  if (file.Close() != kSuccess) code = kFileWriteError;
+  if (code == kSuccess) {
+    const std::error_code permissions =
+        files.SetPermissions(temporary, kKeyFileMode, static_cast<uid_t>(-1), kKeyFileGroup);
+    if (permissions != kSuccess) {
+      code = Report("SetFilePermissions failure", kKeyErrorDomain,
+                    "Failed to set permissions on key file", permissions);
+    }
+  }
+  if (code == kSuccess && files.Rename(temporary, path) != kSuccess) code = kFileWriteError;
+  if (code != kSuccess) {
+    (void)files.Remove(temporary);
+    return code;
+  }
+  if (files.SyncDirectory(platform::ParentDirectory(path)) != kSuccess) return kFileWriteError;
+  return kSuccess;
 }
 
 }  // namespace
 
-std::error_code ReadHostKeyFile(const std::string& path, std::vector<uint8_t>& hostKey) {
+std::error_code ReadHostKeyFile(IFileSystem& files, const std::string& path,
+                                std::vector<uint8_t>& hostKey) {
   std::string text;
-  if (std::error_code read = ReadWholeFile(path, text); read != kSuccess) return read;
+  if (std::error_code read = ReadWholeFile(files, path, text); read != kSuccess) return read;
 
   std::vector<uint8_t> blob;
   if (QelBase64Decode(text.data(), text.size(), blob) != 0) {
@@ -94,15 +126,13 @@ std::error_code ReadHostKeyFile(const std::string& path, std::vector<uint8_t>& h
   return kSuccess;
 }
 
-std::error_code WriteHostKeyFile(const std::string& path, std::span<const uint8_t> hostKey) {
+std::error_code WriteHostKeyFile(IFileSystem& files, const std::string& path,
+                                 std::span<const uint8_t> hostKey) {
   if (hostKey.empty()) return kInvalidArgument;
-  File file = OpenForWriting(path);
-  if (!file) return kFileWriteError;
-
   crypto::Sha256Digest digest{};
   if (crypto::Sha256(hostKey, digest) != crypto::CryptStatus::kSuccess) return kKeyReadError;
   std::vector<uint8_t> blob(digest.begin(), digest.end());
-  blob.insert(blob.end(), hostKey.begin(), hostKey.end());
+  for (const uint8_t byte : hostKey) blob.push_back(byte);
   ApplyMask(blob);
   std::string text;
   const int status = QelBase64Encode(blob.data(), blob.size(), text);
@@ -110,18 +140,15 @@ std::error_code WriteHostKeyFile(const std::string& path, std::span<const uint8_
   // An empty text would silently orphan every domain file, so any encoder
   // failure stops here.
   if (status != 0) return kKeyReadError;
+  return WriteKeyText(files, path, text);
+}
 
-  const bool written = std::fwrite(text.data(), 1, text.size(), file.get()) == text.size() &&
-                       std::fflush(file.get()) == 0;
-  if (std::fclose(file.release()) != 0 || !written) return kFileWriteError;
+std::error_code ReadHostKeyFile(const std::string& path, std::vector<uint8_t>& hostKey) {
+  return ReadHostKeyFile(*platform::DefaultFileSystem(), path, hostKey);
+}
 
-  const std::error_code permissions = platform::SetFilePermissions(
-      path, kKeyFileMode, static_cast<uid_t>(-1), static_cast<gid_t>(0));
-  if (permissions != kSuccess) {
-    return Report("SetFilePermissions failure", kKeyErrorDomain,
-                  "Failed to set permissions on key file", permissions);
-  }
-  return kSuccess;
+std::error_code WriteHostKeyFile(const std::string& path, std::span<const uint8_t> hostKey) {
+  return WriteHostKeyFile(*platform::DefaultFileSystem(), path, hostKey);
 }
 
 std::error_code GetHostKey(const std::string& path, std::vector<uint8_t>& hostKey) {

@@ -20,6 +20,8 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/support/FileSystem.h"
+
 namespace QelSS {
 
 inline constexpr size_t kHostKeySize = 32;
@@ -31,13 +33,21 @@ inline constexpr size_t kHostKeySize = 32;
 // not match; reported).
 [[nodiscard]] std::error_code ReadHostKeyFile(const std::string& path,
                                               std::vector<uint8_t>& hostKey);
+[[nodiscard]] std::error_code ReadHostKeyFile(platform::IFileSystem& files,
+                                              const std::string& path,
+                                              std::vector<uint8_t>& hostKey);
 
-// Writes `hostKey` to `path` (created with mode 0640, replaced if present), then
-// gives the file mode 0640 and group 0. kInvalidArgument for an empty key,
-// kFileWriteError when the file cannot be opened or written (it may be left
-// truncated), kKeyReadError when encoding fails, and the permission
+// Writes `hostKey` to `path`, replacing any file there, through a temporary
+// file beside it: written, synced, given mode 0640 and group 0 (0600 where
+// group 0 cannot be given), renamed into place, and the folder synced. A
+// failure leaves whatever was at `path` before, and no temporary file:
+// kInvalidArgument for an empty key, kFileWriteError when writing, syncing or
+// renaming fails, kKeyReadError when encoding fails, and the permission
 // operation's code (reported) when the permissions cannot be set.
 [[nodiscard]] std::error_code WriteHostKeyFile(const std::string& path,
+                                               std::span<const uint8_t> hostKey);
+[[nodiscard]] std::error_code WriteHostKeyFile(platform::IFileSystem& files,
+                                               const std::string& path,
                                                std::span<const uint8_t> hostKey);
 
 // The machine's host key: read from `path`, or, when there is no file, a new

@@ -18,13 +18,16 @@ namespace QelSS {
 // Each call runs synchronously on the storage's own serial queue: the
 // completion runs there, exactly once, before the call returns, and must not
 // call back into the same storage (that would wait for itself; the queue
-// aborts the process instead). Calls from several threads are serialised. Two
-// storages on one path are not coordinated with each other. An exception thrown
-// by a completion is reported and goes no further.
+// aborts the process instead). Calls from several threads are serialised.
+// Storages on one path, in this process or others, take turns through a lock
+// file beside it (P ".LOCK"), held for each whole read or write; a hold that
+// outlasts ten seconds makes the waiting call fail with kTimeout. An exception
+// thrown by a completion is reported and goes no further.
 class IStorage {
  public:
   using ReadCompletion = std::function<void(std::error_code, std::shared_ptr<IHash>)>;
   using WriteCompletion = std::function<void(std::error_code)>;
+  using KeepCompletion = std::function<void(std::error_code, const std::string&)>;
 
   virtual ~IStorage();
 
@@ -59,6 +62,13 @@ class IStorage {
   // arguments are reported with component tag "QSST".
   virtual void WriteSettings(const std::string& path, const std::shared_ptr<IHash>& hash,
                              const WriteCompletion& completion) = 0;
+
+  // Keeps the (damaged) file at `path` under a second name beside it,
+  // P ".damaged-<UTC time>", with its content and mode, so that a later write
+  // replacing P destroys nothing. The completion gets kSuccess and that path,
+  // or the failure (reported) and an empty path; a caller must then leave P
+  // as it is.
+  virtual void KeepDamagedFile(const std::string& path, const KeepCompletion& completion) = 0;
 };
 
 }  // namespace QelSS

@@ -89,4 +89,18 @@ void Storage::WriteSettings(const std::string& path, const std::shared_ptr<IHash
   }
 }
 
+void Storage::KeepDamagedFile(const std::string& path, const KeepCompletion& completion) {
+  try {
+    const bool ran = queue_->Sync(kQueueTag, DispatchQueue::kRunChangesState, [&] {
+      std::string kept;
+      const std::error_code code =
+          Guarded("KeepDamagedFile", [&] { return QelSS::KeepDamagedFile(*files_, path, kept); });
+      if (completion) completion(code, code == kSuccess ? kept : std::string());
+    });
+    if (!ran && completion) completion(make_error_code(kFailure), std::string());
+  } catch (...) {
+    ReportCaughtException(2, kTag, "KeepDamagedFile");
+  }
+}
+
 }  // namespace QelSS

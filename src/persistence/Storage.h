@@ -27,6 +27,7 @@ class Storage final : public IStorage {
   void ReadSettings(const std::string& path, const ReadCompletion& completion) override;
   void WriteSettings(const std::string& path, const std::shared_ptr<IHash>& hash,
                      const WriteCompletion& completion) override;
+  void KeepDamagedFile(const std::string& path, const KeepCompletion& completion) override;
 
  private:
   // Constant after construction.

@@ -64,8 +64,9 @@ TEST_F(FilePermissions, RootSetsModeAndGroupZero) {
   EXPECT_EQ(StatOf(file_).st_gid, 0u);
 }
 
-// An ordinary user cannot give its file to group 0; that is not a failure, but
-// giving the file away to another owner still is.
+// An ordinary user cannot give its file to group 0; that is not a failure, and
+// the file is then the owner's alone rather than its own group's. Giving the
+// file away to another owner still fails.
 TEST_F(FilePermissions, OrdinaryUserKeepsItsGroup) {
   ASSERT_EQ(chmod(temp_.path().c_str(), 0777), 0);
   const std::string own = temp_ / "own";
@@ -75,6 +76,7 @@ TEST_F(FilePermissions, OrdinaryUserKeepsItsGroup) {
         if (!QelSS::testing::BecomeUnprivileged()) return 77;
         std::ofstream(own) << "content";
         if (SetFilePermissions(own, 0640, kKeepOwner, 0) != make_error_code(kSuccess)) return 1;
+        if ((StatOf(own).st_mode & 07777) != 0600) return 3;
         if (SetFilePermissions(own, 0600, 0, 0) != std::error_code(EPERM, std::system_category())) {
           return 2;
         }

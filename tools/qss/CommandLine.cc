@@ -49,6 +49,7 @@ constexpr const char* kWriteFooter =
 struct Arguments {
   std::optional<std::string> folder;
   bool service = false;
+  bool newKey = false;
   std::optional<std::string> configuration;
   std::optional<std::string> bundles;
 
@@ -93,6 +94,7 @@ Status ParseConfiguration(const std::string& text, unsigned int& out) {
 
 Status MakeOptions(const Arguments& arguments, DomainOptions& options) {
   options.service = arguments.service;
+  options.newKey = arguments.newKey;
   options.invocation = "qss";
   if (arguments.folder) {
     options.folder = *arguments.folder;
@@ -124,6 +126,9 @@ void AddGlobalOptions(CLI::App& app, Arguments& arguments) {
   app.add_flag("--service", arguments.service,
                "work on domains of the settings service instead of local ones")
       ->excludes(folder);
+  app.add_flag("--new-key", arguments.newKey,
+               "when the host key file is missing, make a new one although domains encrypted "
+               "with the lost key exist (they stay unreadable)");
   app.add_option("--configuration", arguments.configuration,
                  "work on that configuration's copy of the domain: a number, or \"current\"")
       ->type_name("N");

@@ -39,4 +39,9 @@ std::string DefaultFolder() {
   return root.empty() ? root : root + "/qelvarin/domains";
 }
 
+std::string HostKeyFile() {
+  const std::string root = DataRoot();
+  return root.empty() ? root : root + "/qelvarin/DomainSettings/com.qelvarin.QSS";
+}
+
 }  // namespace QelSS::Qss

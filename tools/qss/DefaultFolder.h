@@ -13,4 +13,9 @@ namespace QelSS::Qss {
 // domain creates the missing levels.
 std::string DefaultFolder();
 
+// The host key file that encrypts every local domain of this user, placed as
+// the library places it: "<data root>/qelvarin/DomainSettings/com.qelvarin.QSS".
+// Empty when no home folder can be found.
+std::string HostKeyFile();
+
 }  // namespace QelSS::Qss

@@ -14,6 +14,9 @@ struct DomainOptions {
   // --configuration: 0 for the domain itself, a number for that
   // configuration's copy, Settings::kCurrentConfiguration for the current one.
   unsigned int configuration = 0;
+  // --new-key: make a new host key even though domain files encrypted with
+  // a missing one exist.
+  bool newKey = false;
   // The options as they were given ("qss --folder /tmp/x"), for hints that
   // show a command to run next.
   std::string invocation = "qss";

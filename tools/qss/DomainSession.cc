@@ -4,9 +4,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <iostream>
 #include <utility>
 #include <vector>
 
+#include "HostKeyCheck.h"
 #include "ValueParser.h"
 #include "qelss/api/Settings.h"
 #include "qelss/values/IString.h"
@@ -96,6 +98,13 @@ Status OpenFailure(const DomainOptions& options, const std::string& name, const 
     }
     return Status::Failure("the settings service cannot open domain " + name, code, "");
   }
+  if (code == Code(kTimeout)) {
+    return Status::Failure("another process has held the file of domain " + name +
+                               " for over 10 seconds",
+                           code,
+                           "check for a stopped qss or application using " + options.folder +
+                               ", then run the command again");
+  }
   if (code == Code(kDirectoryError)) {
     return Status::Failure("cannot create the folder " + options.folder, code,
                            "check that it is not a file and that its parent is writable, or "
@@ -134,12 +143,23 @@ Status CheckWritable(const std::string& folder) {
 // not leave an empty domain file behind.
 Status RequireDomainFile(const DomainOptions& options, const std::string& name,
                          const std::string& id) {
-  struct stat info;
-  if (::stat(LocalDomainFile(options.folder, id).c_str(), &info) == 0 || errno != ENOENT) {
-    return Status::Ok();
-  }
+  bool exists = false;
+  const std::error_code looked =
+      QSSDomain::LocalDomainExists(id.c_str(), options.folder.c_str(), exists);
+  if (!Succeeded(looked)) return OpenFailure(options, name, id, looked);
+  if (exists) return Status::Ok();
   return Status::NotFound("there is no domain " + name + " in " + options.folder, Code(kNotFound),
                           "check the name and --folder; `qss write` creates a domain");
+}
+
+// The library loaded the backup copy of a damaged domain file and will write
+// it back; the user must hear of it, and where the damaged file went.
+void TellOfRestore(const std::string& name, QSSDomain& facade) {
+  std::string kept;
+  if (!Succeeded(facade.DamagedFileKept(kept)) || kept.empty()) return;
+  std::cerr << "qss: the file of domain " << name
+            << " was damaged; the domain was restored from its backup copy\n"
+            << "qss: the damaged file is kept as " << kept << '\n';
 }
 
 // Everything that can stop a change is checked before the domain is opened.
@@ -180,6 +200,9 @@ Status DomainSession::Open(const DomainOptions& options, const std::string& name
   std::string id;
   if (Status resolved = ResolveIdentifier(options, name, id); !resolved.ok()) return resolved;
 
+  if (!options.service) {
+    if (Status key = CheckHostKey(options); !key.ok()) return key;
+  }
   if (!options.service && mode != Mode::kWrite) {
     if (Status exists = RequireDomainFile(options, name, id); !exists.ok()) return exists;
   }
@@ -192,6 +215,7 @@ Status DomainSession::Open(const DomainOptions& options, const std::string& name
   const std::error_code opened =
       QSSDomain::Create(facade, id.c_str(), kIdentity, options.folder.c_str(), !options.service);
   if (!Succeeded(opened)) return OpenFailure(options, name, id, opened);
+  if (!options.service) TellOfRestore(name, *facade);
   out.reset(new DomainSession(options, name, LocalDomainFile(options.folder, id), std::move(lock),
                               std::move(facade)));
   return Status::Ok();
@@ -251,8 +275,9 @@ Status DomainSession::Save() const {
                            saved, "store the value less deeply nested, or as data");
   }
   if (saved == Code(kTimeout)) {
-    return Status::Failure("the change to domain " + name_ + " was not written within 20 seconds",
-                           saved, "check " + file_ + " later; the write is still under way");
+    return Status::Failure("the change to domain " + name_ + " did not reach " + file_ +
+                               " in time: another process held the file, or the disk is slow",
+                           saved, "run the command again; a write still under way lands later");
   }
   return Status::Failure("the change to domain " + name_ + " cannot be written to " + file_, saved,
                          "check the free space and permissions of " + options_.folder);

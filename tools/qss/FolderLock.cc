@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "qelss/values/ErrorCode.h"
@@ -13,18 +14,34 @@
 namespace QelSS::Qss {
 namespace {
 
-constexpr mode_t kFolderMode = 0770;
+constexpr mode_t kGroupFolderMode = 0770;
+constexpr mode_t kOwnerFolderMode = 0700;
+constexpr gid_t kGroupZero = 0;
 
 bool IsDirectory(const std::string& path) {
   struct stat info;
   return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-// mkdir applies the umask; the mode is set again so that the group can use
-// the folder, as the library does.
+bool InGroupZero() {
+  if (::geteuid() == 0 || ::getegid() == kGroupZero) return true;
+  gid_t groups[NGROUPS_MAX];
+  const int count = ::getgroups(NGROUPS_MAX, groups);
+  for (int i = 0; i < count; ++i) {
+    if (groups[i] == kGroupZero) return true;
+  }
+  return false;
+}
+
+// As the library makes its folders: for the owner and group 0 (0770), or for
+// the owner alone where group 0 cannot be given, so that the user's own group,
+// which may hold other accounts, never gets in. mkdir applies the umask, so the
+// mode is set again; a folder that was already there keeps its own.
 bool MakeLevel(const std::string& path) {
-  if (::mkdir(path.c_str(), kFolderMode) == 0) return ::chmod(path.c_str(), kFolderMode) == 0;
-  return errno == EEXIST && IsDirectory(path);
+  if (::mkdir(path.c_str(), kOwnerFolderMode) != 0) return errno == EEXIST && IsDirectory(path);
+  if (!InGroupZero()) return ::chmod(path.c_str(), kOwnerFolderMode) == 0;
+  return ::chown(path.c_str(), static_cast<uid_t>(-1), kGroupZero) == 0 &&
+         ::chmod(path.c_str(), kGroupFolderMode) == 0;
 }
 
 Status FolderFailure(const std::string& folder, int error) {

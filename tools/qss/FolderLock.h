@@ -6,8 +6,8 @@
 
 namespace QelSS::Qss {
 
-// Makes `folder` and its missing parents with mode 0770, as the library makes
-// the folders of local domains. The tool makes it itself so that the folder is
+// Makes `folder` and its missing parents as the library makes the folders of
+// local domains: mode 0770 and group 0, or 0700 where group 0 cannot be given. The tool makes it itself so that the folder is
 // exactly the path given: the library would take a blank in the path for a
 // level separator.
 Status MakeFolder(const std::string& folder);
@@ -16,8 +16,8 @@ Status MakeFolder(const std::string& folder);
 // domain loads its file when it opens and writes its whole tree back when it
 // closes, so two processes changing the same domain at once would each write
 // over the other's change; holding this lock from before the open until after
-// the close makes them take turns. Readers need no lock: a domain file is
-// replaced in one rename.
+// the close makes them take turns. Readers need no lock of their own: the
+// library holds each domain file's lock for every whole read and write.
 class FolderLock {
  public:
   FolderLock() = default;

@@ -34,8 +34,8 @@ class QELSS_EXPORT QSSDomain final : public IQSSDomain {
   //
   // `identity` names the calling application to the settings service.
   // useFolder true: the domain lives in this process, its file in `folder`;
-  // missing levels of `folder` are created with mode 0770 ("/" and " " both
-  // separate levels). useFolder false: the settings service keeps the domain
+  // missing levels of `folder` are created with mode 0770 and group 0, or 0700
+  // by a process that may not give group 0 ("/" and " " both separate levels). useFolder false: the settings service keeps the domain
   // and `folder` is not used.
   //
   // `domain` receives a facade even when the opening fails; that facade then
@@ -60,6 +60,15 @@ class QELSS_EXPORT QSSDomain final : public IQSSDomain {
   [[nodiscard]] static std::error_code Create(std::shared_ptr<QSSDomain>& domain, const char* name,
                                               const char* identity, const char* folder,
                                               unsigned int configuration, bool useFolder);
+
+  // Whether local domain `name` has a file in `folder`, without opening or
+  // creating it (Create makes a missing domain). Looked at under the lock that
+  // every process takes for a read or write of the file, so a write under way
+  // elsewhere cannot hide it. kSuccess with `exists` set; kInvalidArgument for
+  // a null or empty name or folder; kTimeout when another process held the
+  // file for over ten seconds.
+  [[nodiscard]] static std::error_code LocalDomainExists(const char* name, const char* folder,
+                                                         bool& exists);
 
   [[nodiscard]] std::error_code Delete(const char* key) override;
   [[nodiscard]] std::error_code DeleteAndCommit(const char* key) override;
@@ -92,6 +101,14 @@ class QELSS_EXPORT QSSDomain final : public IQSSDomain {
   //   other              the write's failure (kFileWriteError, ...); the
   //                      changes stay pending and are written again later
   [[nodiscard]] std::error_code Save(unsigned waitSeconds = 20) const;
+
+  // When opening found a local domain's file damaged and loaded its backup
+  // copy instead, the damaged file was first kept beside it as
+  // "<file>.damaged-<UTC time>" (it may hold newer settings than the backup):
+  // `path` receives where, so that a tool can tell its user. It is set empty
+  // when the domain was loaded from its own file or is kept by the settings
+  // service. kSuccess, or kDomainNotOpen when opening failed.
+  [[nodiscard]] std::error_code DamagedFileKept(std::string& path) const;
 
   struct ConstructionKey {
     explicit ConstructionKey() = default;

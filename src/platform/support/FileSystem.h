@@ -10,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -20,7 +21,7 @@ namespace QelSS::platform {
 
 enum class OpenMode {
   kRead,           // an existing file, read only; a directory is refused (EISDIR)
-  kWriteTruncate,  // created when missing (mode 0640 before the umask), emptied when present
+  kWriteTruncate,  // created when missing (mode 0600), emptied when present
 };
 
 enum class SeekFrom { kStart, kEnd };
@@ -60,6 +61,17 @@ class IFileSystem {
   // As SetFilePermissions (FilePermissions.h).
   [[nodiscard]] virtual std::error_code SetPermissions(const std::string& path, unsigned mode,
                                                        uid_t owner, gid_t group) = 0;
+  // A second name `to` for the file at `from` (a hard link); EEXIST when `to`
+  // is taken.
+  [[nodiscard]] virtual std::error_code Link(const std::string& from, const std::string& to) = 0;
+
+  // Takes an exclusive advisory lock (flock) on the lock file at `path`, made
+  // when missing with mode 0640 and group 0 (FilePermissions.h). Waits at most
+  // `wait` for another holder, then gives ETIMEDOUT. On success `fd` holds the
+  // lock until it is closed with Close; the file itself is never removed, as
+  // removing it would let two holders lock two different files.
+  [[nodiscard]] virtual std::error_code LockFile(const std::string& path,
+                                                 std::chrono::milliseconds wait, int& fd) = 0;
 };
 
 // The process's POSIX implementation; shared, never null.

@@ -42,6 +42,13 @@ class FileSystemWrapper : public IFileSystem {
                                  gid_t group) override {
     return target_->SetPermissions(path, mode, owner, group);
   }
+  std::error_code Link(const std::string& from, const std::string& to) override {
+    return target_->Link(from, to);
+  }
+  std::error_code LockFile(const std::string& path, std::chrono::milliseconds wait,
+                           int& fd) override {
+    return target_->LockFile(path, wait, fd);
+  }
 
   IFileSystem& target() { return *target_; }
 

@@ -1,11 +1,14 @@
 #include "platform/support/PosixFileSystem.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <thread>
 
 #include "platform/support/FilePermissions.h"
 #include "qelss/values/ErrorCode.h"
@@ -13,7 +16,15 @@
 namespace QelSS::platform {
 namespace {
 
-constexpr mode_t kNewFileMode = 0640;
+// New files are the owner's alone until their permissions are set
+// explicitly, so that nothing is ever readable by more than intended.
+constexpr mode_t kNewFileMode = 0600;
+constexpr unsigned kLockFileMode = 0640;
+constexpr gid_t kLockFileGroup = 0;
+// A lock is held for one read or write of a domain file: milliseconds. The
+// poll starts short and backs off so that a long wait costs little.
+constexpr std::chrono::microseconds kFirstLockPoll{200};
+constexpr std::chrono::microseconds kLongestLockPoll{20'000};
 
 std::error_code Result(bool ok) {
   return ok ? make_error_code(kSuccess) : std::error_code(errno, std::system_category());
@@ -52,9 +63,7 @@ std::error_code PosixFileSystem::Stat(const std::string& path, uint64_t& size) {
   return make_error_code(kSuccess);
 }
 
-// A new file starts private to owner and group, so its content is never
-// readable by others even before its permissions are set explicitly. A
-// directory opens, but reading it fails in ways (huge seek offsets) that would
+// A directory opens, but reading it fails in ways (huge seek offsets) that would
 // pass for other faults, so it is refused here.
 std::error_code PosixFileSystem::Open(const std::string& path, OpenMode mode, int& fd) {
   const int flags =
@@ -134,6 +143,40 @@ std::error_code PosixFileSystem::SyncDirectory(const std::string& path) {
 std::error_code PosixFileSystem::SetPermissions(const std::string& path, unsigned mode, uid_t owner,
                                                 gid_t group) {
   return SetFilePermissions(path, mode, owner, group);
+}
+
+}  // namespace QelSS::platform
+
+namespace QelSS::platform {
+
+std::error_code PosixFileSystem::Link(const std::string& from, const std::string& to) {
+  return Result(::link(from.c_str(), to.c_str()) == 0);
+}
+
+// flock has no time-out of its own; polling keeps the wait bounded without a
+// signal or a helper thread.
+std::error_code PosixFileSystem::LockFile(const std::string& path, std::chrono::milliseconds wait,
+                                          int& fd) {
+  int opened = OpenRetrying(path.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
+  const bool made = opened >= 0;
+  if (!made && errno == EEXIST) opened = OpenRetrying(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
+  if (opened < 0) return Result(false);
+  // Only its maker sets its mode; the lock works whatever the mode is.
+  if (made) (void)SetFilePermissions(path, kLockFileMode, static_cast<uid_t>(-1), kLockFileGroup);
+  const auto deadline = std::chrono::steady_clock::now() + wait;
+  std::chrono::microseconds poll = kFirstLockPoll;
+  while (::flock(opened, LOCK_EX | LOCK_NB) != 0) {
+    const int error = errno;
+    if (error == EINTR) continue;
+    if (error != EWOULDBLOCK || std::chrono::steady_clock::now() >= deadline) {
+      ::close(opened);
+      return std::error_code(error == EWOULDBLOCK ? ETIMEDOUT : error, std::system_category());
+    }
+    std::this_thread::sleep_for(poll);
+    poll = std::min(poll * 2, kLongestLockPoll);
+  }
+  fd = opened;
+  return make_error_code(kSuccess);
 }
 
 }  // namespace QelSS::platform

@@ -20,6 +20,9 @@ class PosixFileSystem final : public IFileSystem {
   std::error_code SyncDirectory(const std::string& path) override;
   std::error_code SetPermissions(const std::string& path, unsigned mode, uid_t owner,
                                  gid_t group) override;
+  std::error_code Link(const std::string& from, const std::string& to) override;
+  std::error_code LockFile(const std::string& path, std::chrono::milliseconds wait,
+                           int& fd) override;
 };
 
 }  // namespace QelSS::platform

@@ -11,10 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "platform/support/FilePermissions.h"
+
 namespace {
 
 constexpr mode_t kDataRootMode = 0700;  // what the XDG base-directory rules ask for
-constexpr mode_t kSiloMode = 0770;
 
 std::string HomeDirectory() {
   const char* home = std::getenv("HOME");
@@ -40,10 +41,10 @@ std::string DataRoot() {
   return home.empty() ? home : home + "/.local/share";
 }
 
-// mkdir applies the umask; the mode is set again so that group members of a
-// shared silo really get access.
-bool MakeDirectory(const std::string& path, mode_t mode) {
-  if (mkdir(path.c_str(), mode) == 0) return chmod(path.c_str(), mode) == 0;
+// The data root's missing levels belong to the user alone. mkdir applies the
+// umask, so the mode is set again; an existing folder keeps its own.
+bool MakeDataRootLevel(const std::string& path) {
+  if (mkdir(path.c_str(), kDataRootMode) == 0) return chmod(path.c_str(), kDataRootMode) == 0;
   if (errno != EEXIST) return false;
   struct stat st;
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
@@ -51,7 +52,8 @@ bool MakeDirectory(const std::string& path, mode_t mode) {
 
 // Appends each "/"-separated component of `relative` to `path`, creating the
 // directories that are missing. Empty components are skipped.
-bool MakeChain(std::string& path, const std::string& relative, mode_t mode) {
+template <typename MakeLevel>
+bool MakeChain(std::string& path, const std::string& relative, MakeLevel make) {
   size_t start = 0;
   while (start <= relative.size()) {
     size_t end = relative.find('/', start);
@@ -59,7 +61,7 @@ bool MakeChain(std::string& path, const std::string& relative, mode_t mode) {
     if (end > start) {
       path += '/';
       path.append(relative, start, end - start);
-      if (!MakeDirectory(path, mode)) return false;
+      if (!make(path)) return false;
     }
     start = end + 1;
   }
@@ -74,8 +76,11 @@ char* QelCreateSiloedPath(const char* /*base*/, const char* folder, int /*flag*/
     const std::string root = DataRoot();
     if (root.empty()) return nullptr;
     std::string path;
-    if (!MakeChain(path, root, kDataRootMode)) return nullptr;
-    if (!MakeChain(path, std::string("qelvarin/") + folder, kSiloMode)) return nullptr;
+    if (!MakeChain(path, root, MakeDataRootLevel)) return nullptr;
+    if (!MakeChain(path, std::string("qelvarin/") + folder,
+                   QelSS::platform::MakeGroupZeroFolder)) {
+      return nullptr;
+    }
     return strdup(path.c_str());
   } catch (const std::bad_alloc&) {
     return nullptr;
