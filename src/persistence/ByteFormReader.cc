@@ -66,7 +66,7 @@ size_t RewriteSize(const xmlNode* node, const xmlChar* attribute, const xmlChar*
   return size;
 }
 
-bool Parses(const std::vector<uint8_t>& bytes) {
+std::error_code Parses(const std::vector<uint8_t>& bytes) {
   return ParseXmlAccepts(bytes.data(), bytes.size());
 }
 
@@ -89,7 +89,7 @@ struct Normalised {
 // A String or Data child of a container is rewritten a second time from the
 // text of its written element; for data that text has LF where the writer put
 // CR LF. The result is parsed to see whether libxml2 takes it.
-bool RewriteOfWrittenScalarParses(const ValuePtr& value) {
+std::error_code RewriteOfWrittenScalarParses(const ValuePtr& value) {
   std::vector<uint8_t> rewrite;
   if (auto* data = dynamic_cast<const IData*>(value.get())) {
     constexpr std::string_view kStart = "<Data>";
@@ -98,7 +98,7 @@ bool RewriteOfWrittenScalarParses(const ValuePtr& value) {
     AppendBase64Lines(data->GetBytes(), data->GetLength(), rewrite, "\n");
     rewrite.insert(rewrite.end(), kEnd.begin(), kEnd.end());
   } else if (!Succeeded(AppendByteForm(value, rewrite))) {
-    return false;
+    return kSerializationError;
   }
   return Parses(rewrite);
 }
@@ -194,7 +194,7 @@ class Walk {
       if (std::error_code code = convertXMLNodeToBytes(child, rewrite); !Succeeded(code)) {
         return code;
       }
-      if (!Parses(rewrite)) return kSerializationError;
+      if (std::error_code code = Parses(rewrite); !Succeeded(code)) return code;
     }
     const uint32_t type = TypeOfElementName(Name(child));
     if (type == kValueTypeNumber && child->properties == nullptr) return kFailure;
@@ -222,9 +222,11 @@ class Walk {
     }
     for (const Normalised& normalised : children) {
       // Nested containers had their rewrites parsed when they were read.
-      if (normalised.written >= kLargestSafeRewrite && !IsContainer(normalised.value) &&
-          !RewriteOfWrittenScalarParses(normalised.value)) {
-        return kSerializationError;
+      if (normalised.written >= kLargestSafeRewrite && !IsContainer(normalised.value)) {
+        if (std::error_code code = RewriteOfWrittenScalarParses(normalised.value);
+            !Succeeded(code)) {
+          return code;
+        }
       }
       if (!Succeeded(normalised.failure)) return normalised.failure;
     }
@@ -247,7 +249,7 @@ class Walk {
       if (child.value) rewrites_.erase(child.value);
     }
     if (!Succeeded(code)) return code;
-    if (!Parses(rewrite)) return kSerializationError;
+    if (std::error_code parsed = Parses(rewrite); !Succeeded(parsed)) return parsed;
     // A container one level down is the child of one that is rewritten too.
     if (level_ >= 2) rewrites_.emplace(container, std::move(rewrite));
     return kSuccess;

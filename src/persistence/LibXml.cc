@@ -5,6 +5,9 @@
 #include <libxml/xmlerror.h>
 
 #include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mutex>
 
@@ -18,7 +21,20 @@ namespace {
 // network by accident. NOERROR and NOWARNING silence libxml2's stderr channel.
 constexpr int kParseOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
 
-void IgnoreError(void* /*context*/, const char* /*format*/, ...) {}
+constexpr const char* kTextNodeLimitText = "huge text node";
+
+// The generic channel's context is a flag to raise when the text node limit
+// refused the document: parsing goes on after that refusal, and the error
+// left last is a later, unrelated one.
+void IgnoreError(void* context, const char* format, ...) {
+  if (context == nullptr || format == nullptr) return;
+  char text[256];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  if (std::strstr(text, kTextNodeLimitText) != nullptr) *static_cast<bool*>(context) = true;
+}
 
 bool DeclaresEntities(xmlDoc* doc) {
   const xmlDtd* subset = xmlGetIntSubset(doc);
@@ -30,8 +46,9 @@ bool DeclaresEntities(xmlDoc* doc) {
 // parse only, as the thread may be the application's own.
 class QuietGenericErrors {
  public:
-  QuietGenericErrors() : function_(xmlGenericError), context_(xmlGenericErrorContext) {
-    xmlSetGenericErrorFunc(nullptr, &IgnoreError);
+  explicit QuietGenericErrors(bool* textLimit = nullptr)
+      : function_(xmlGenericError), context_(xmlGenericErrorContext) {
+    xmlSetGenericErrorFunc(textLimit, &IgnoreError);
   }
   ~QuietGenericErrors() { xmlSetGenericErrorFunc(context_, function_); }
   QuietGenericErrors(const QuietGenericErrors&) = delete;
@@ -68,32 +85,52 @@ void EnsureLibXml() noexcept {
 }
 
 xmlDoc* ReadXmlQuietly(const char* data, size_t size, const char* url, const char* encoding,
-                       int options) {
+                       int options, bool* textLimit) {
   EnsureLibXml();
   if (size > static_cast<size_t>(INT_MAX)) return nullptr;
-  const QuietGenericErrors quiet;
+  const QuietGenericErrors quiet(textLimit);
   return xmlReadMemory(data, static_cast<int>(size), url, encoding, options);
 }
 
+// libxml2 refuses text of over 10,000,000 bytes in one node, or in one run
+// without markup, as if memory had run out or as an internal error. That is a
+// limit of what a domain file can hold, not damage, and callers tell their
+// users so.
+bool HitLookupLimit() {
+  const xmlError* error = xmlGetLastError();
+  return error != nullptr && error->code == XML_ERR_INTERNAL_ERROR && error->message != nullptr &&
+         std::strstr(error->message, "Huge input lookup") != nullptr;
+}
+
 std::error_code ParseXml(const uint8_t* data, size_t size, XmlDocument& out) {
-  XmlDocument doc(
-      ReadXmlQuietly(reinterpret_cast<const char*>(data), size, nullptr, "UTF-8", kParseOptions));
+  xmlResetLastError();
+  bool textLimit = false;
+  XmlDocument doc(ReadXmlQuietly(reinterpret_cast<const char*>(data), size, nullptr, "UTF-8",
+                                 kParseOptions, &textLimit));
+  if (!doc && (textLimit || HitLookupLimit())) return kStorageError;
   if (!doc || DeclaresEntities(doc.get())) return kSerializationError;
   out = std::move(doc);
   return kSuccess;
 }
 
-bool ParseXmlAccepts(const uint8_t* data, size_t size) {
+std::error_code ParseXmlAccepts(const uint8_t* data, size_t size) {
   EnsureLibXml();
-  if (size > static_cast<size_t>(INT_MAX)) return false;
+  if (size > static_cast<size_t>(INT_MAX)) return kSerializationError;
   // xmlReadMemory is this same call on a context of its own making.
   std::unique_ptr<xmlParserCtxt, ParserContextDeleter> context(xmlNewParserCtxt());
-  if (!context || context->sax == nullptr) return false;
+  if (!context || context->sax == nullptr) return kSerializationError;
   context->sax->endElementNs = &EndElementAndFree;
-  const QuietGenericErrors quiet;
-  XmlDocument doc(xmlCtxtReadMemory(context.get(), reinterpret_cast<const char*>(data),
-                                    static_cast<int>(size), nullptr, "UTF-8", kParseOptions));
-  return doc && !DeclaresEntities(doc.get());
+  xmlResetLastError();
+  bool textLimit = false;
+  XmlDocument doc;
+  {
+    const QuietGenericErrors quiet(&textLimit);
+    doc.reset(xmlCtxtReadMemory(context.get(), reinterpret_cast<const char*>(data),
+                                static_cast<int>(size), nullptr, "UTF-8", kParseOptions));
+  }
+  if (!doc && (textLimit || HitLookupLimit())) return kStorageError;
+  if (!doc || DeclaresEntities(doc.get())) return kSerializationError;
+  return kSuccess;
 }
 
 XmlText NodeContent(const xmlNode* node) { return XmlText(xmlNodeGetContent(node)); }

@@ -30,8 +30,10 @@ using XmlText = std::unique_ptr<xmlChar, XmlCharDeleter>;
 
 // xmlReadMemory without a word on stderr, whatever libxml2 refuses: a library
 // never prints. Null when libxml2 makes no document (or `size` exceeds int).
+// `textLimit`, when given, is set when libxml2's limit on one text node was
+// among the refusals.
 xmlDoc* ReadXmlQuietly(const char* data, size_t size, const char* url, const char* encoding,
-                       int options);
+                       int options, bool* textLimit = nullptr);
 
 // Parses `size` bytes of UTF-8 XML. kSerializationError when libxml2 makes no
 // document, and for a document that declares entities: byte forms never do, and
@@ -42,17 +44,19 @@ xmlDoc* ReadXmlQuietly(const char* data, size_t size, const char* url, const cha
 // document libxml2 accepts: no network access, and no error text on stderr (a
 // library never prints). libxml2's own limits stay in force: 256 levels of
 // nesting, about 10,000,000 bytes in one text node, and loops and gross
-// amplification of entities (not reached, see above).
+// amplification of entities (not reached, see above). kStorageError when the
+// text node limit refused the document, kSerializationError for any other
+// refusal.
 [[nodiscard]] std::error_code ParseXml(const uint8_t* data, size_t size, XmlDocument& out);
 
-// Whether ParseXml takes `size` bytes, learnt without keeping the document:
+// ParseXml's result for `size` bytes, learnt without keeping the document:
 // every element below the root that has no sibling before it is freed as soon
 // as it ends. Nothing libxml2 checks looks at a finished element: text is
 // joined only to a text node that is the last child, and an element freed
 // leaves no last child where a kept one would not be text either. So the
 // answer is ParseXml's, while a document of many small elements needs memory
 // for one path of open elements instead of the whole tree.
-[[nodiscard]] bool ParseXmlAccepts(const uint8_t* data, size_t size);
+[[nodiscard]] std::error_code ParseXmlAccepts(const uint8_t* data, size_t size);
 
 // The text of a node and its descendants (xmlNodeGetContent); null only when
 // libxml2 cannot make it.

@@ -43,6 +43,12 @@ Status ReadWrapped(std::string_view body, const std::string& source, std::shared
   const std::vector<unsigned char> bytes(document.begin(), document.end());
   std::shared_ptr<IHash> wrapper;
   const std::error_code read = HashFactory::CreateFromBytes(wrapper, bytes);
+  if (read == make_error_code(kStorageError)) {
+    return Status::Failure(source +
+                               " holds a value of over 10,000,000 bytes of text, more than a "
+                               "domain file keeps in one value",
+                           read, "split the value, or keep large content in a file of its own");
+  }
   if (!Succeeded(read)) return Damaged(source, "is not a well-formed value", read);
 
   std::shared_ptr<IValue> inner;

@@ -19,6 +19,9 @@ namespace {
 // Names qss to the settings service.
 constexpr const char* kIdentity = "com.qelvarin.qss";
 constexpr size_t kMaxNameLength = 230;
+// A domain file nests at most 200 levels; its root, the settings tree and the
+// value itself take three of them.
+constexpr size_t kMaxKeyPathLevels = 197;
 
 std::error_code Code(ErrorCode code) { return make_error_code(code); }
 
@@ -129,6 +132,22 @@ Status OpenFailure(const DomainOptions& options, const std::string& name, const 
   return Status::Failure("cannot open domain " + name, code, "");
 }
 
+// The levels of a key path: its non-empty components.
+size_t PathLevels(const std::string& path) {
+  size_t levels = 0;
+  for (size_t i = 0; i < path.size(); ++i) {
+    if (path[i] != '/' && (i == 0 || path[i - 1] == '/')) ++levels;
+  }
+  return levels;
+}
+
+Status TooLarge(const std::string& what, std::error_code code) {
+  return Status::Failure(what +
+                             ": a value holds over 10,000,000 bytes of text (data takes a third "
+                             "more), more than a domain file keeps in one value",
+                         code, "split the value, or keep large content in a file of its own");
+}
+
 bool IsSingleKey(const std::string& key) {
   return !key.empty() && key.find('/') == std::string::npos;
 }
@@ -176,6 +195,11 @@ Status CheckKeyPath(const std::string& path) {
   if (path.find_first_not_of('/') == std::string::npos) {
     return Status::Usage("the key path \"" + path + "\" names no key", Code(kInvalidArgument),
                          "give a path such as /window/width");
+  }
+  if (const size_t levels = PathLevels(path); levels > kMaxKeyPathLevels) {
+    return Status::Usage("the key path has " + std::to_string(levels) + " levels; a domain keeps " +
+                             std::to_string(kMaxKeyPathLevels) + " at most",
+                         Code(kInvalidArgument), "store the value less deeply nested");
   }
   if (!IsStorableText(path)) {
     return Status::Usage("the key path holds bytes a domain cannot keep", Code(kInvalidArgument),
@@ -248,10 +272,13 @@ Status DomainSession::CommitFailure(const std::string& what, std::error_code cod
   }
   if (code == Code(kInvalidArgument)) {
     return Status::Failure(what +
-                               ": a domain cannot keep it, as it nests more than 200 levels "
-                               "deep or holds text a domain cannot keep",
+                               ": a domain cannot keep it, as it would nest deeper than the " +
+                               std::to_string(kMaxKeyPathLevels + 1) +
+                               " levels a key path and its value may take, or holds text a "
+                               "domain cannot keep",
                            code, "store it less deeply nested");
   }
+  if (code == Code(kStorageError)) return TooLarge(what, code);
   if (code == Code(kTransactionConflict)) {
     return Status::Failure(what + ": another client changed the same keys meanwhile", code,
                            "run the command again");
@@ -268,6 +295,7 @@ Status DomainSession::CommitFailure(const std::string& what, std::error_code cod
 Status DomainSession::Save() const {
   const std::error_code saved = facade_->Save();
   if (Succeeded(saved)) return Status::Ok();
+  if (saved == Code(kStorageError)) return TooLarge("domain " + name_ + " cannot keep the change", saved);
   if (saved == Code(kSerializationError)) {
     return Status::Failure("domain " + name_ +
                                " cannot keep the change: its file could not be "

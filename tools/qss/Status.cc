@@ -21,6 +21,11 @@ Status Status::Failure(std::string what, std::error_code code, std::string hint)
   return Status(ExitStatus::kFailure, std::move(what), code, std::move(hint));
 }
 
+Status Status::AsUsage() const {
+  if (ok()) return *this;
+  return Status(ExitStatus::kUsage, what_, code_, hint_);
+}
+
 void Status::Print(std::ostream& out) const {
   if (ok()) return;
   out << "qss: " << what_;

@@ -23,6 +23,10 @@ class Status {
   static Status NotFound(std::string what, std::error_code code, std::string hint);
   static Status Failure(std::string what, std::error_code code, std::string hint);
 
+  // The same failure, blamed on the command line (exit status 1): for a step
+  // whose input came from it.
+  Status AsUsage() const;
+
   bool ok() const { return exit_ == ExitStatus::kOk; }
   ExitStatus exit() const { return exit_; }
   const std::error_code& code() const { return code_; }

@@ -96,7 +96,7 @@ Status ParseContainer(std::string_view type, const std::string& text,
                       std::shared_ptr<IValue>& out) {
   std::shared_ptr<IValue> value;
   Status read = ReadByteForm(text, "VALUE", value);
-  if (!read.ok()) return read;
+  if (!read.ok()) return read.AsUsage();
   const uint32_t wanted = type == "hash" ? kValueTypeHash : kValueTypeArray;
   if (value->GetType() != wanted) {
     return Status::Usage("VALUE is not " + std::string(type == "hash" ? "a hash" : "an array"),
