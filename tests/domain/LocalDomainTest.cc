@@ -182,6 +182,11 @@ TEST_F(LocalDomainTest, TheLongestNameTakenIsSavedAndALongerOneRefused) {
 }
 
 // Flips one byte in the middle of the file, or empties it.
+std::string Contents(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
 void Damage(const std::string& path, bool empty) {
   if (empty) {
     ASSERT_EQ(::truncate(path.c_str(), 0), 0);
@@ -213,12 +218,22 @@ TEST_F(LocalDomainTest, DamagedFileIsReplacedByTheBackup) {
     }
     ASSERT_EQ(OnDisk("n"), 2);
     Damage(DomainFile(), empty);
+    const std::string damaged = Contents(DomainFile());
     capture_->Clear();
     const int writes = disk_->Writes();
 
     auto restored = Open();
     ASSERT_TRUE(restored);
     EXPECT_EQ(IntAt(*restored, "n"), 1);
+    // The damaged file may hold newer settings: it is kept, whole and as
+    // private as the domain file, before the backup is written over it.
+    std::string kept;
+    ASSERT_EQ(restored->DamagedFileKept(kept), kOk);
+    EXPECT_EQ(kept.rfind(DomainFile() + ".damaged-", 0), 0u) << kept;
+    EXPECT_EQ(Contents(kept), damaged);
+    EXPECT_EQ(std::filesystem::status(kept).permissions(),
+              std::filesystem::status(DomainFile()).permissions());
+    EXPECT_TRUE(capture_->HasTrace("Restored from backup; the damaged file is kept as " + kept));
     auto report = capture_->FindFailureReport("LDSE", "FetchSetting");
     ASSERT_TRUE(report);
     const int64_t code = report->Code().value_or(0);
@@ -231,6 +246,7 @@ TEST_F(LocalDomainTest, DamagedFileIsReplacedByTheBackup) {
     DispatchClock::AdvanceForTesting(LocalDomainSetting::kQuietPeriod);
     ASSERT_TRUE(disk_->WaitForWrites(writes + 1));
     EXPECT_EQ(OnDisk("n"), 1);
+    EXPECT_EQ(Contents(kept), damaged);
   }
 }
 

@@ -6,7 +6,10 @@
 #include <thread>
 #include <vector>
 
+#include <filesystem>
+
 #include "PersistenceTestSupport.h"
+#include "StorageTestSupport.h"
 #include "persistence/Envelope.h"
 #include "persistence/HostKeyFile.h"
 #include "persistence/Key.h"
@@ -131,6 +134,44 @@ TEST_F(HostKeyFileTest, WriteRefusesAnEmptyKeyAndAMissingFolder) {
   EXPECT_EQ(WriteHostKeyFile(path_, Bytes{}), make_error_code(kInvalidArgument));
   EXPECT_EQ(WriteHostKeyFile(folder_ / "absent/key", Counting(32)),
             make_error_code(kFileWriteError));
+}
+
+// Regression: a full disk when the key was first made left an empty key file,
+// after which every domain failed its checksum for good. Whichever step fails,
+// the key file is what it was before (here: absent, then an older key) and no
+// temporary file is left behind.
+TEST_F(HostKeyFileTest, AFailedWriteLeavesTheOldKeyFileOrNone) {
+  using testing::FileCall;
+  const std::vector<std::pair<FileCall, int>> faults = {
+      {FileCall::kOpenTemporary, EACCES}, {FileCall::kWriteTemporary, ENOSPC},
+      {FileCall::kSyncTemporary, EIO},    {FileCall::kCloseTemporary, EIO},
+      {FileCall::kSetPermissions, EPERM}, {FileCall::kRename, EXDEV},
+  };
+  for (const bool existing : {false, true}) {
+    if (existing) {
+      ASSERT_EQ(WriteHostKeyFile(path_, Counting(32, 7)), make_error_code(kSuccess));
+    }
+    const std::string before = existing ? testing::ReadText(path_) : "";
+    for (const auto& [call, error] : faults) {
+      SCOPED_TRACE(static_cast<int>(call));
+      testing::FaultyFileSystem faulty;
+      faulty.Fail(call, error, 0, call == FileCall::kWriteTemporary ? 10 : 0);
+      EXPECT_NE(WriteHostKeyFile(faulty, path_, Counting(32)), make_error_code(kSuccess));
+      EXPECT_EQ(std::filesystem::exists(path_), existing);
+      if (existing) {
+        EXPECT_EQ(testing::ReadText(path_), before);
+      }
+      EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_.path()), {}),
+                existing ? 1 : 0);
+    }
+  }
+  // Once the new key has its name, only the folder's sync can still fail.
+  testing::FaultyFileSystem faulty;
+  faulty.Fail(FileCall::kSyncDirectory, EIO);
+  EXPECT_EQ(WriteHostKeyFile(faulty, path_, Counting(32)), make_error_code(kFileWriteError));
+  Bytes key;
+  EXPECT_EQ(Read(key), make_error_code(kSuccess));
+  EXPECT_EQ(key, Counting(32));
 }
 
 TEST_F(HostKeyFileTest, GetHostKeyCreatesOnceAndNeverReplacesADamagedFile) {

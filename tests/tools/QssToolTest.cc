@@ -269,10 +269,15 @@ TEST_F(QssTest, AChangeThatCannotReachTheDiskFails) {
   std::filesystem::remove_all(blocker);
   EXPECT_EQ(Succeed({"read", "prefs", "/a"}), "1\n");
 
+  // A domain file nests 200 levels: a key path of 197 still takes a scalar; a
+  // longer one is refused before anything opens, naming the real limit.
   std::string deep;
-  for (int i = 0; i < 300; ++i) deep += "/level";
-  ExpectFailure(Qss({"write", "prefs", deep, "int", "1"}), kFailure,
-                {"a domain cannot keep it", "kInvalidArgument (204)"});
+  for (int i = 0; i < 197; ++i) deep += "/l";
+  Succeed({"write", "prefs", deep, "int", "1"});
+  ExpectFailure(Qss({"write", "prefs", deep + "/l", "int", "1"}), kUsage,
+                {"198 levels", "197 at most"});
+  ExpectFailure(Qss({"write", "prefs", deep, "hash", "<Hash><String>k</String><NULL/></Hash>"}),
+                kFailure, {"a domain cannot keep it", "kInvalidArgument (204)"});
   EXPECT_EQ(Succeed({"read", "prefs", "/a"}), "1\n");
 }
 
