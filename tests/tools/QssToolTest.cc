@@ -160,6 +160,9 @@ TEST_F(QssTest, ABadImportFileChangesNothing) {
       {"<Hash><String>x</String></Hash>", {"kInvalidData (498)"}},
       {"<Hash></Hash><Hash></Hash>", {"exactly one value", "kInvalidData (498)"}},
       {"<Hash><String>a/b</String><NULL/></Hash>", {"\"a/b\" cannot be imported", "(204)"}},
+      // Past libxml2's limit on one text node: a size limit, not damage.
+      {"<Hash><String>big</String><String>" + std::string(10'000'001, 'x') + "</String></Hash>",
+       {"over 10,000,000 bytes of text", "kStorageError (363)"}},
       {"", {"is empty", "kInvalidArgument (204)"}},
   };
   for (const Case& c : cases) {
@@ -195,6 +198,8 @@ TEST_F(QssTest, BadCommandLinesNameTheCodeAndOpenNothing) {
       {{"write", "d", "/k", "int"}, {"missing VALUE"}},
       {{"write", "d", "/k", "null", "x"}, {"takes no VALUE"}},
       {{"write", "d", "/k", "hash", "<Array/>"}, {"VALUE is not a hash", "kInvalidData (498)"}},
+      {{"write", "d", "/k", "hash", "<Hash><String>a</Hash>"},
+       {"VALUE is not a well-formed value", "kSerializationError (351)"}},
       {{"write", "d", "/k", "string", "bell\a"}, {"cannot keep", "(204)"}},
       {{"write", "d", "/", "int", "1"}, {"names no key", "kInvalidArgument (204)"}},
       {{"read", "d", "///"}, {"names no key"}},
