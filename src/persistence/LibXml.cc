@@ -103,6 +103,9 @@ bool HitLookupLimit() {
 }
 
 std::error_code ParseXml(const uint8_t* data, size_t size, XmlDocument& out) {
+  // The last-error slot belongs to libxml2's per-thread state, which must not
+  // be touched before the one-time set-up.
+  EnsureLibXml();
   xmlResetLastError();
   bool textLimit = false;
   XmlDocument doc(ReadXmlQuietly(reinterpret_cast<const char*>(data), size, nullptr, "UTF-8",
