@@ -3,22 +3,26 @@
 #include "api/FacadeReport.h"
 #include "domain/IDomainSettingInternal.h"
 #include "domain/LocalDomainSetting.h"
-#include "qelss/ipc/DomainUtil.h"
 #include "qelss/values/ErrorCode.h"
 
 namespace QelSS {
+namespace {
+
+// Every domain the factory makes answers the internal interface too; a
+// facade without a domain, or with one made elsewhere, gets null.
+IDomainSettingInternal* Internal(const std::shared_ptr<IDomainSetting>& domain) {
+  return dynamic_cast<IDomainSettingInternal*>(domain.get());
+}
+
+}  // namespace
 
 std::error_code QSSDomain::CopySettings(std::shared_ptr<IHash>& settings) const {
   try {
     if (!domain_) return make_error_code(kDomainNotOpen);
-    auto* internal = dynamic_cast<IDomainSettingInternal*>(domain_.get());
+    IDomainSettingInternal* internal = Internal(domain_);
     if (!internal) return make_error_code(kNotImplemented);
-    std::shared_ptr<IHash> root;
-    std::error_code rc = internal->CopySettings(root);
-    if (!Succeeded(rc)) return rc;
-    // The copy is the stored root; only its settings tree is the domain's.
     std::shared_ptr<IHash> tree;
-    rc = DomainUtil::GetInternalSettings(root, tree);
+    const std::error_code rc = internal->CopySettingsTree(tree);
     if (Succeeded(rc)) settings = std::move(tree);
     return rc;
   } catch (...) {
@@ -29,9 +33,8 @@ std::error_code QSSDomain::CopySettings(std::shared_ptr<IHash>& settings) const 
 std::error_code QSSDomain::Save(unsigned waitSeconds) const {
   try {
     if (!domain_) return make_error_code(kDomainNotOpen);
-    auto* local = dynamic_cast<LocalDomainSetting*>(domain_.get());
-    if (!local) return make_error_code(kSuccess);
-    return local->SaveSettings(waitSeconds);
+    IDomainSettingInternal* internal = Internal(domain_);
+    return internal ? internal->SaveSettings(waitSeconds) : make_error_code(kSuccess);
   } catch (...) {
     return ReportFacadeException("Save");
   }
@@ -51,12 +54,12 @@ std::error_code QSSDomain::LocalDomainExists(const char* name, const char* folde
 std::error_code QSSDomain::DamagedFileKept(std::string& path) const {
   try {
     if (!domain_) return make_error_code(kDomainNotOpen);
-    auto* local = dynamic_cast<LocalDomainSetting*>(domain_.get());
-    if (!local) {
+    IDomainSettingInternal* internal = Internal(domain_);
+    if (!internal) {
       path.clear();
       return make_error_code(kSuccess);
     }
-    return local->DamagedFileKept(path);
+    return internal->DamagedFileKept(path);
   } catch (...) {
     return ReportFacadeException("DamagedFileKept");
   }

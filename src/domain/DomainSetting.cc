@@ -39,8 +39,8 @@ std::string DomainSetting::CanonicalName(std::string name) {
   return name;
 }
 
-DomainSetting::DomainSetting(const std::string& name, bool createWhenMissing)
-    : name_(CanonicalName(name)), createWhenMissing_(createWhenMissing) {
+DomainSetting::DomainSetting(const std::string& name, bool createWhenMissing, bool remote)
+    : name_(CanonicalName(name)), createWhenMissing_(createWhenMissing), isRemote_(remote) {
   // The queue factory reports success as 0; the tree's factory as kSuccess.
   std::error_code failed =
       DispatchQueue::QueueFactory::Create(domainQueue_, DispatchQueue::kQueueTypeSerial,
@@ -109,6 +109,19 @@ std::error_code DomainSetting::CreateTransaction(std::shared_ptr<ITransaction>& 
 
 std::error_code DomainSetting::CopySettings(std::shared_ptr<IHash>& settings) {
   return RunOnDomainQueue("CopySettings", [&] { return CloneRoot(settings_, settings); });
+}
+
+std::error_code DomainSetting::CopySettingsTree(std::shared_ptr<IHash>& tree) {
+  return RunOnDomainQueue("CopySettings", [&] { return CloneRoot(tree_, tree); });
+}
+
+std::error_code DomainSetting::SaveSettings(unsigned /*waitSeconds*/) {
+  return make_error_code(kSuccess);
+}
+
+std::error_code DomainSetting::DamagedFileKept(std::string& path) {
+  path.clear();
+  return make_error_code(kSuccess);
 }
 
 std::error_code DomainSetting::CloneSettings(std::shared_ptr<IHash>& copy) const {

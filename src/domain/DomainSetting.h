@@ -33,7 +33,7 @@ namespace QelSS {
 //                      between), and call `done` exactly once, after the
 //                      block on the domain queue has ended (`done` may call
 //                      the domain again).
-// A subclass for a domain kept by another process calls SetRemote(true) in its
+// A subclass for a domain kept by another process passes `remote` true to the
 // constructor.
 //
 // Locking: the stored root and the history are touched only on the domain
@@ -56,6 +56,10 @@ class DomainSetting : public IDomainSetting,
                               const std::shared_ptr<IObserver>& observer) override;
   std::error_code RemoveObserver(const std::shared_ptr<IObserver>& observer) override;
   std::error_code CopySettings(std::shared_ptr<IHash>& settings) override;
+  std::error_code CopySettingsTree(std::shared_ptr<IHash>& tree) override;
+  // A domain whose commits are stored as they are made: nothing to wait for.
+  std::error_code SaveSettings(unsigned waitSeconds) override;
+  std::error_code DamagedFileKept(std::string& path) override;
 
   // Loads the domain's state and calls `done` with the outcome. Returns
   // kSuccess when `done` will be called.
@@ -64,9 +68,10 @@ class DomainSetting : public IDomainSetting,
 
  protected:
   // Lower-cases `name` (byte-wise, C locale) and starts with an empty tree at
-  // generation 0. Throws QelSharedSettingsException ("DomainSettings: Failed
-  // to init") when a queue or the tree cannot be made.
-  DomainSetting(const std::string& name, bool createWhenMissing);
+  // generation 0. `remote`: the domain is kept by another process, whose
+  // records may be ahead of this copy. Throws QelSharedSettingsException
+  // ("DomainSettings: Failed to init") when a queue or the tree cannot be made.
+  DomainSetting(const std::string& name, bool createWhenMissing, bool remote = false);
 
   // ---- Constant after construction; readable from any thread.
   const std::string& Name() const noexcept { return name_; }
@@ -74,8 +79,6 @@ class DomainSetting : public IDomainSetting,
   static std::string CanonicalName(std::string name);
   bool CreateWhenMissing() const noexcept { return createWhenMissing_; }
   bool IsRemote() const noexcept { return isRemote_; }
-  // Call only from the subclass's constructor.
-  void SetRemote(bool remote) noexcept { isRemote_ = remote; }
 
   // The serial queue that guards the state, for timer sources and hops.
   DispatchQueue::IQueue& DomainQueue() const noexcept { return *domainQueue_; }
@@ -171,7 +174,7 @@ class DomainSetting : public IDomainSetting,
   std::shared_ptr<DispatchQueue::IQueue> observerQueue_;
   const std::string name_;
   const bool createWhenMissing_;
-  bool isRemote_ = false;
+  const bool isRemote_;
 
   // On the domain queue only. tree_ is the settings tree inside settings_,
   // kept at hand because every read starts from it; only ReplaceSettings

@@ -86,7 +86,7 @@ class LocalDomainSetting final : public DomainSetting {
   // (the domain stays dirty and the timer retries); kTimeout when the wait
   // expired (the write still happens). Must not be called from the domain
   // queue (that is, from a commit or fetch completion running there).
-  [[nodiscard]] std::error_code SaveSettings(unsigned waitSeconds);
+  [[nodiscard]] std::error_code SaveSettings(unsigned waitSeconds) override;
 
   // The file of domain `name` in `folder`.
   static std::string FileFor(const std::string& folder, const std::string& name);
@@ -98,7 +98,7 @@ class LocalDomainSetting final : public DomainSetting {
   // Where the damaged domain file was kept when opening found it damaged and
   // loaded the backup copy instead; empty when the domain was loaded from its
   // own file.
-  [[nodiscard]] std::error_code DamagedFileKept(std::string& path);
+  [[nodiscard]] std::error_code DamagedFileKept(std::string& path) override;
 
   const std::string& DomainFile() const noexcept { return domainFile_; }
   const std::string& BackupFile() const noexcept { return backupFile_; }

@@ -24,9 +24,7 @@ namespace QelSS::testing {
 // the observers.
 class InMemoryDomain final : public DomainSetting {
  public:
-  InMemoryDomain(const std::string& name, bool remote) : DomainSetting(name, true) {
-    SetRemote(remote);
-  }
+  InMemoryDomain(const std::string& name, bool remote) : DomainSetting(name, true, remote) {}
   static std::shared_ptr<InMemoryDomain> Make(const std::string& name = "Alerts",
                                               bool remote = false) {
     return std::make_shared<InMemoryDomain>(name, remote);
