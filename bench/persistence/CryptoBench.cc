@@ -32,7 +32,7 @@
 #include "platform/crypto/CbcContext.h"
 #include "platform/crypto/HmacSha256.h"
 #include "platform/crypto/Sha256.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 

@@ -2,8 +2,8 @@
 
 #include "persistence/CaughtException.h"
 #include "platform/report/Report.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/platform/QelException.h"
-#include "qelss/values/ErrorCode.h"
 #include "values/FailureReport.h"
 
 namespace QelSS {

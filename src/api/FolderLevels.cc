@@ -2,9 +2,8 @@
 
 #include <sys/stat.h>
 
-
 #include "platform/support/FilePermissions.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 namespace {

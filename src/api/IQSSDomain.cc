@@ -2,7 +2,7 @@
 
 #include "api/FacadeReport.h"
 #include "api/FacadeValueTypes.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 

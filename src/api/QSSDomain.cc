@@ -1,12 +1,18 @@
 #include "qelss/api/QSSDomain.h"
 
+#include <memory>
+#include <string>
 #include <utility>
 
 #include "api/CompletionLatch.h"
 #include "api/FacadeLimits.h"
 #include "api/FacadeReport.h"
+#include "api/FolderLevels.h"
+#include "api/QSSDomainAccess.h"
+#include "domain/DomainFactory.h"
+#include "domain/IDomainSettingInternal.h"
 #include "qelss/domain/SettingsObserver.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 
@@ -30,7 +36,75 @@ namespace {
 
 std::error_code NotOpen() { return make_error_code(kDomainNotOpen); }
 
+// A missing domain starts empty rather than failing to open.
+constexpr bool kCreateMissingDomain = true;
+
+std::error_code WhereItLives(const char* folder, bool useFolder, Configuration& configuration) {
+  configuration.local = useFolder;
+  if (!useFolder) return make_error_code(kSuccess);
+  if (!folder) return make_error_code(kInvalidArgument);
+  configuration.folder = folder;
+  return MakeFolderLevels(configuration.folder);
+}
+
+// The factory loads the domain asynchronously. It may call `done` twice (a bad
+// name is reported at once and the opening still goes on): the latch keeps the
+// first outcome, so a bad name fails here however the opening ends.
+std::error_code OpenAndWait(IDomainFactory& factory, const Configuration& configuration,
+                            const char* name, const char* identity,
+                            std::shared_ptr<IDomainSetting>& domain) {
+  auto latch = std::make_shared<CompletionLatch>();
+  factory.OpenDomain(
+      configuration, name, identity ? identity : "",
+      [latch](std::shared_ptr<IDomainSetting>& opened, std::error_code rc) {
+        latch->Complete(rc, Succeeded(rc) ? opened : nullptr);
+      },
+      kCreateMissingDomain);
+  std::shared_ptr<IDomainSetting> loaded;
+  std::error_code rc = latch->Wait(OpenWaitLimit(), &loaded);
+  if (Succeeded(rc) && !loaded) rc = make_error_code(kFailure);
+  if (Succeeded(rc)) domain = std::move(loaded);
+  return rc;
+}
+
+std::error_code Open(QSSDomain& facade, const char* name, const char* identity, const char* folder,
+                     bool useFolder) {
+  try {
+    std::shared_ptr<IDomainFactory> factory = GetDomainFactory(nullptr);
+    if (!factory) return make_error_code(kAllocationFailed);
+    Configuration configuration;
+    std::error_code rc = WhereItLives(folder, useFolder, configuration);
+    if (!Succeeded(rc)) return rc;
+    if (!name) return make_error_code(kInvalidArgument);
+    std::shared_ptr<IDomainSetting> domain;
+    rc = OpenAndWait(*factory, configuration, name, identity, domain);
+    if (Succeeded(rc)) QSSDomainAccess::Adopt(facade, std::move(domain));
+    return rc;
+  } catch (...) {
+    return ReportFacadeException("constructor");
+  }
+}
+
+// Every domain the factory makes answers the internal interface too; a
+// facade without a domain, or with one made elsewhere, gets null.
+IDomainSettingInternal* Internal(const std::shared_ptr<IDomainSetting>& domain) {
+  return dynamic_cast<IDomainSettingInternal*>(domain.get());
+}
+
 }  // namespace
+
+std::error_code QSSDomain::Create(std::shared_ptr<QSSDomain>& domain, const char* name,
+                                  const char* identity, const char* folder, bool useFolder) {
+  std::shared_ptr<QSSDomain> facade;
+  try {
+    facade = std::make_shared<QSSDomain>(ConstructionKey{});
+  } catch (...) {
+    return ReportFacadeException("constructor");
+  }
+  const std::error_code rc = Open(*facade, name, identity, folder, useFolder);
+  domain = std::move(facade);
+  return rc;
+}
 
 QSSDomain::QSSDomain(ConstructionKey) : transaction_(std::make_shared<TransactionSlot>()) {}
 
@@ -180,6 +254,55 @@ std::error_code QSSDomain::PerformBlock(std::function<void()> block) {
     return make_error_code(kSuccess);
   } catch (...) {
     return ReportFacadeException("PerformBlock");
+  }
+}
+
+std::error_code QSSDomain::CopySettings(std::shared_ptr<IHash>& settings) const {
+  try {
+    if (!domain_) return make_error_code(kDomainNotOpen);
+    IDomainSettingInternal* internal = Internal(domain_);
+    if (!internal) return make_error_code(kNotImplemented);
+    std::shared_ptr<IHash> tree;
+    const std::error_code rc = internal->CopySettingsTree(tree);
+    if (Succeeded(rc)) settings = std::move(tree);
+    return rc;
+  } catch (...) {
+    return ReportFacadeException("CopySettings");
+  }
+}
+
+std::error_code QSSDomain::Save(unsigned waitSeconds) const {
+  try {
+    if (!domain_) return make_error_code(kDomainNotOpen);
+    IDomainSettingInternal* internal = Internal(domain_);
+    return internal ? internal->SaveSettings(waitSeconds) : make_error_code(kSuccess);
+  } catch (...) {
+    return ReportFacadeException("Save");
+  }
+}
+
+std::error_code QSSDomain::LocalDomainExists(const char* name, const char* folder, bool& exists) {
+  try {
+    if (name == nullptr || *name == '\0' || folder == nullptr || *folder == '\0') {
+      return make_error_code(kInvalidArgument);
+    }
+    return DomainFactory::LocalDomainExists(folder, name, exists);
+  } catch (...) {
+    return ReportFacadeException("LocalDomainExists");
+  }
+}
+
+std::error_code QSSDomain::DamagedFileKept(std::string& path) const {
+  try {
+    if (!domain_) return make_error_code(kDomainNotOpen);
+    IDomainSettingInternal* internal = Internal(domain_);
+    if (!internal) {
+      path.clear();
+      return make_error_code(kSuccess);
+    }
+    return internal->DamagedFileKept(path);
+  } catch (...) {
+    return ReportFacadeException("DamagedFileKept");
   }
 }
 

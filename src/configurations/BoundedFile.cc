@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 namespace {

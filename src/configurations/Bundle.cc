@@ -6,7 +6,7 @@
 #include "configurations/Languages.h"
 #include "configurations/PropertyListReader.h"
 #include "configurations/StringsTable.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 namespace {

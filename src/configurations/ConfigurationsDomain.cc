@@ -11,7 +11,7 @@
 #include "configurations/ConfigurationsReport.h"
 #include "persistence/CaughtException.h"
 #include "platform/report/Report.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/values/Exceptions.h"
 #include "qelss/values/HashFactory.h"
 #include "qelss/values/StringFactory.h"

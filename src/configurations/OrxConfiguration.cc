@@ -4,7 +4,7 @@
 
 #include "configurations/Bundle.h"
 #include "configurations/ConfigurationsReport.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/values/Exceptions.h"
 #include "qelss/values/HashFactory.h"
 #include "qelss/values/HashHelper.h"

@@ -16,7 +16,7 @@
 #include "configurations/BoundedFile.h"
 #include "persistence/LibXml.h"
 #include "platform/support/Base64.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 namespace {

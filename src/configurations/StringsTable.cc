@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "configurations/BoundedFile.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 namespace {

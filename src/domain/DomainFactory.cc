@@ -102,4 +102,9 @@ void DomainFactory::OpenDomain(const Configuration& configuration, const std::st
   if (started != kSuccess) Refuse(done, started);
 }
 
+std::error_code DomainFactory::LocalDomainExists(const std::string& folder, const std::string& name,
+                                                 bool& exists) {
+  return LocalDomainSetting::Exists(folder, name, exists);
+}
+
 }  // namespace QelSS

@@ -3,6 +3,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 
 #include "qelss/domain/DomainFactory.h"
 
@@ -22,6 +23,11 @@ class DomainFactory final : public IDomainFactory {
   // kConnectionError.
   void OpenDomain(const Configuration& configuration, const std::string& name,
                   const std::string& client, OpenDone done, bool create) override;
+
+  // Whether local domain `name` has a file in `folder`, without opening it
+  // (kSuccess and `exists`), or why that cannot be told.
+  [[nodiscard]] static std::error_code LocalDomainExists(const std::string& folder,
+                                                         const std::string& name, bool& exists);
 };
 
 // A check that runs at most once, however many threads ask, and whose result is

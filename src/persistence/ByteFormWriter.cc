@@ -10,7 +10,7 @@
 #include "persistence/CaughtException.h"
 #include "persistence/XmlEscape.h"
 #include "platform/report/Report.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/values/IArray.h"
 #include "qelss/values/IData.h"
 #include "qelss/values/IDate.h"

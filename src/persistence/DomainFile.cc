@@ -5,7 +5,7 @@
 #include "persistence/Envelope.h"
 #include "persistence/ReadBackCheck.h"
 #include "platform/support/ScopedFile.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/values/HashFactory.h"
 #include "values/FailureReport.h"
 
@@ -155,7 +155,8 @@ std::string UtcStamp() {
   const std::time_t now = std::time(nullptr);
   std::tm utc{};
   char text[32] = {};
-  if (gmtime_r(&now, &utc) == nullptr || std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc) == 0) {
+  if (gmtime_r(&now, &utc) == nullptr ||
+      std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc) == 0) {
     return "unknown-time";
   }
   return text;

@@ -24,7 +24,7 @@
 #include "platform/crypto/Aes256Cbc.h"
 #include "platform/crypto/HmacSha256.h"
 #include "platform/crypto/SecureMemory.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "values/FailureReport.h"
 
 namespace QelSS {

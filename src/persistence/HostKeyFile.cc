@@ -10,7 +10,7 @@
 #include "platform/crypto/Sha256.h"
 #include "platform/support/Base64.h"
 #include "platform/support/ScopedFile.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "values/FailureReport.h"
 
 namespace QelSS {
@@ -72,8 +72,7 @@ std::error_code WriteAll(IFileSystem& files, int fd, const std::string& text) {
 // The key reaches its own name only whole and on stable storage: a failure
 // at any step (a full disk, say) leaves no key file rather than an empty or
 // partial one, which would lock every domain out for good.
-std::error_code WriteKeyText(IFileSystem& files, const std::string& path,
-                             const std::string& text) {
+std::error_code WriteKeyText(IFileSystem& files, const std::string& path, const std::string& text) {
   const std::string temporary = path + ".new-" + std::to_string(::getpid());
   int fd = -1;
   if (files.Open(temporary, OpenMode::kWriteTruncate, fd) != kSuccess) return kFileWriteError;

@@ -8,7 +8,7 @@
 #include "persistence/KeyDerivation.h"
 #include "platform/crypto/SecureMemory.h"
 #include "platform/support/SiloedPath.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "values/FailureReport.h"
 
 namespace QelSS {

@@ -4,7 +4,7 @@
 #include "platform/crypto/Pbkdf2.h"
 #include "platform/crypto/SecureMemory.h"
 #include "platform/crypto/Sha256.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 namespace {

@@ -11,7 +11,7 @@
 #include <memory>
 #include <mutex>
 
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS::byteform {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/values/HashFactory.h"
 #include "values/StorableText.h"
 

@@ -6,7 +6,7 @@
 #include "persistence/CaughtException.h"
 #include "persistence/LibXml.h"
 #include "platform/report/Report.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS::serialization_helpers {
 

@@ -5,7 +5,7 @@
 #include "persistence/CaughtException.h"
 #include "persistence/DomainFile.h"
 #include "platform/report/Report.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/values/Exceptions.h"
 
 namespace QelSS {

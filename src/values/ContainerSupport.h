@@ -21,8 +21,8 @@
 #include <system_error>
 
 #include "qelss/platform/Dispatch.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/platform/xpc.h"
-#include "qelss/values/ErrorCode.h"
 #include "qelss/values/Exceptions.h"
 #include "qelss/values/IValue.h"
 

@@ -1,6 +1,6 @@
 #include "values/StorableText.h"
 
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/values/IArray.h"
 #include "qelss/values/IHash.h"
 #include "qelss/values/IString.h"

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/values/Exceptions.h"
 #include "qelss/values/IValue.h"
 

@@ -20,7 +20,7 @@
 #include "platform/ScopedTempDir.h"
 #include "qelss/api/QSSDomain.h"
 #include "qelss/domain/IDomainSetting.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS::testing {
 

@@ -13,7 +13,7 @@
 #include "configurations/StringsTable.h"
 #include "platform/ScopedTempDir.h"
 #include "qelss/configurations/Bundles.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/values/HashFactory.h"
 #include "qelss/values/HashHelper.h"
 

@@ -11,7 +11,7 @@
 #include "persistence/LibXml.h"
 #include "platform/report/CaptureSink.h"
 #include "qelss/persistence/SerializationHelpers.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 namespace {

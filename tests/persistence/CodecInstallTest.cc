@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/values/HashFactory.h"
 #include "qelss/values/NumberFactory.h"
 

@@ -12,7 +12,7 @@
 #include "platform/KeyHome.h"
 #include "platform/crypto/Aes256Cbc.h"
 #include "platform/report/CaptureSink.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 namespace {

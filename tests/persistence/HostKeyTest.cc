@@ -17,7 +17,7 @@
 #include "platform/ScopedTempDir.h"
 #include "platform/report/CaptureSink.h"
 #include "platform/support/Base64.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 namespace {

@@ -11,7 +11,7 @@
 
 #include "platform/DispatchTestSupport.h"
 #include "qelss/platform/Dispatch.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 namespace {

@@ -10,7 +10,7 @@
 #include "platform/ChildProcess.h"
 #include "platform/ScopedTempDir.h"
 #include "platform/support/FilePermissions.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS::platform {
 namespace {

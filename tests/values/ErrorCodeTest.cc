@@ -3,7 +3,7 @@
 #include <future>
 #include <system_error>
 
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/values/Exceptions.h"
 
 namespace QelSS {

@@ -4,7 +4,7 @@
 #include <cerrno>
 
 #include "platform/report/CaptureSink.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "values/FailureReport.h"
 
 namespace QelSS {

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <system_error>
 
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS::Qss {
 namespace {

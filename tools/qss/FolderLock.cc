@@ -9,7 +9,7 @@
 #include <climits>
 #include <cstring>
 
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS::Qss {
 namespace {

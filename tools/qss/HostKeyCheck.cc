@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "DefaultFolder.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS::Qss {
 namespace {

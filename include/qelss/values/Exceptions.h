@@ -1,8 +1,8 @@
 #pragma once
 
 #include "qelss/Export.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/platform/QelException.h"
-#include "qelss/values/ErrorCode.h"
 
 namespace QelSS {
 

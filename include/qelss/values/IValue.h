@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "qelss/Export.h"
+#include "qelss/platform/ErrorCode.h"
 #include "qelss/platform/xpc.h"
-#include "qelss/values/ErrorCode.h"
 
 namespace QelSS {
 

@@ -4,7 +4,7 @@
 #include "platform/dispatch/FatalError.h"
 #include "platform/dispatch/SerialQueue.h"
 #include "platform/dispatch/WorkerPool.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS::platform {
 

@@ -2,7 +2,7 @@
 
 #include "platform/dispatch/SerialQueue.h"
 #include "qelss/platform/Dispatch.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace DispatchQueue {
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <vector>
 
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS::platform {
 namespace {
@@ -42,9 +42,7 @@ bool MayUseGroupZero() {
   return ::geteuid() == 0 || ::getegid() == kGroupZero || InSupplementaryGroupZero();
 }
 
-unsigned ModeForGroupZero(unsigned mode) {
-  return MayUseGroupZero() ? mode : mode & ~kGroupBits;
-}
+unsigned ModeForGroupZero(unsigned mode) { return MayUseGroupZero() ? mode : mode & ~kGroupBits; }
 
 std::error_code SetFilePermissions(const std::string& path, unsigned mode, uid_t owner,
                                    gid_t group) {

@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "platform/support/FilePermissions.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS::platform {
 namespace {

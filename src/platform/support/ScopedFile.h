@@ -3,7 +3,7 @@
 #include <system_error>
 
 #include "platform/support/FileSystem.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 
 namespace QelSS::platform {
 

@@ -2,10 +2,13 @@
 
 #include <cstdio>
 #include <memory>
+#include <string>
 
+#include "api/FacadeReport.h"
 #include "configurations/ConfigurationsReport.h"
+#include "qelss/api/QSSDomain.h"
 #include "qelss/configurations/ConfigurationsDomain.h"
-#include "qelss/values/ErrorCode.h"
+#include "qelss/platform/ErrorCode.h"
 #include "values/FailureReport.h"
 
 namespace QelSS::Settings {
@@ -53,3 +56,27 @@ std::error_code DomainIdForDomain(std::string& id, const std::string& name,
 }
 
 }  // namespace QelSS::Settings
+
+namespace QelSS {
+
+// Opening by configuration number needs the configurations domain, so it lives
+// with the configurations rather than with the rest of the facade.
+std::error_code QSSDomain::Create(std::shared_ptr<QSSDomain>& domain, const char* name,
+                                  const char* identity, const char* folder,
+                                  unsigned int configuration, bool useFolder) {
+  std::string id;
+  std::error_code rc;
+  try {
+    rc = Settings::DomainIdForDomain(id, name ? name : "", configuration);
+  } catch (...) {
+    rc = ReportFacadeException("DomainIdForDomain");
+  }
+  if (!Succeeded(rc)) {
+    return ReportFailure(
+        {QelErrTag("SDOM"), "DomainIdForDomain", kQSSDomainErrorDomain, "Failed to get domain id"},
+        rc);
+  }
+  return Create(domain, id.c_str(), identity, folder, useFolder);
+}
+
+}  // namespace QelSS
