@@ -8,6 +8,7 @@
 #include "domain/RecordKeys.h"
 #include "domain/Transaction.h"
 #include "persistence/CaughtException.h"
+#include "platform/dispatch/MakeQueue.h"
 #include "platform/dispatch/RunningFrame.h"
 #include "platform/dispatch/SerialQueue.h"
 #include "platform/report/Report.h"
@@ -41,21 +42,16 @@ std::string DomainSetting::CanonicalName(std::string name) {
 
 DomainSetting::DomainSetting(const std::string& name, bool createWhenMissing, bool remote)
     : name_(CanonicalName(name)), createWhenMissing_(createWhenMissing), isRemote_(remote) {
-  // The queue factory reports success as 0; the tree's factory as kSuccess.
-  std::error_code failed =
-      DispatchQueue::QueueFactory::Create(domainQueue_, DispatchQueue::kQueueTypeSerial,
-                                          "com.qelvarin.domainsetting", QOS_CLASS_USER_INTERACTIVE);
-  if (!failed) {
-    failed = DispatchQueue::QueueFactory::Create(observerQueue_, DispatchQueue::kQueueTypeSerial,
-                                                 "com.qelvarin.domainsetting.observer",
-                                                 QOS_CLASS_DEFAULT);
+  std::error_code rc =
+      platform::MakeQueue(domainQueue_, DispatchQueue::kQueueTypeSerial,
+                          "com.qelvarin.domainsetting", QOS_CLASS_USER_INTERACTIVE);
+  if (rc == kSuccess) {
+    rc = platform::MakeQueue(observerQueue_, DispatchQueue::kQueueTypeSerial,
+                             "com.qelvarin.domainsetting.observer", QOS_CLASS_DEFAULT);
   }
-  if (!failed) {
-    std::error_code made = DomainRoot::Create(settings_);
-    if (made == kSuccess) made = DomainRoot::GetInternalSettings(settings_, tree_);
-    if (made != kSuccess) failed = made;
-  }
-  if (failed) throw QelSharedSettingsException(failed, "DomainSettings: Failed to init");
+  if (rc == kSuccess) rc = DomainRoot::Create(settings_);
+  if (rc == kSuccess) rc = DomainRoot::GetInternalSettings(settings_, tree_);
+  if (rc != kSuccess) throw QelSharedSettingsException(rc, "DomainSettings: Failed to init");
 }
 
 DomainSetting::~DomainSetting() = default;

@@ -6,6 +6,7 @@
 #include "domain/DomainRoot.h"
 #include "domain/RecordKeys.h"
 #include "persistence/CaughtException.h"
+#include "platform/dispatch/MakeQueue.h"
 #include "platform/report/Report.h"
 #include "qelss/values/ArrayFactory.h"
 #include "qelss/values/Exceptions.h"
@@ -40,11 +41,8 @@ std::error_code Transaction::Create(std::shared_ptr<ITransaction>& out,
 
 Transaction::Transaction(const std::string& domainName, std::shared_ptr<IHash>&& workingSettings) {
   if (domainName.empty() || !workingSettings) ThrowOnFailure(kInvalidArgument);
-  std::error_code queued = DispatchQueue::QueueFactory::Create(
-      queue_, DispatchQueue::kQueueTypeDefault, "com.qelvarin.qss.transaction",
-      QOS_CLASS_USER_INTERACTIVE);
-  // The queue library reports success as 0, not as kSuccess.
-  if (queued) ThrowOnFailure(queued);
+  ThrowOnFailure(platform::MakeQueue(queue_, DispatchQueue::kQueueTypeDefault,
+                                     "com.qelvarin.qss.transaction", QOS_CLASS_USER_INTERACTIVE));
   ThrowOnFailure(StringFactory::Create(domainName_, domainName));
   ThrowOnFailure(ArrayFactory::Create(changes_));
   workingSettings_ = std::move(workingSettings);

@@ -4,6 +4,7 @@
 
 #include "persistence/CaughtException.h"
 #include "persistence/DomainFile.h"
+#include "platform/dispatch/MakeQueue.h"
 #include "platform/report/Report.h"
 #include "qelss/platform/ErrorCode.h"
 #include "qelss/values/Exceptions.h"
@@ -17,11 +18,9 @@ constexpr const char* kQueueLabel = "com.qelvarin.storage";
 
 std::shared_ptr<DispatchQueue::IQueue> MakeQueue() {
   std::shared_ptr<DispatchQueue::IQueue> queue;
-  const std::error_code code = DispatchQueue::QueueFactory::Create(
-      queue, DispatchQueue::kQueueTypeDefault, kQueueLabel, QOS_CLASS_USER_INTERACTIVE);
-  // The queue service answers 0 for success, not the library's kSuccess.
-  if (code.value() != 0 || !queue)
-    throw QelSharedSettingsException(code, "Storage: Failed to init");
+  const std::error_code code = platform::MakeQueue(queue, DispatchQueue::kQueueTypeDefault,
+                                                   kQueueLabel, QOS_CLASS_USER_INTERACTIVE);
+  if (code != kSuccess) throw QelSharedSettingsException(code, "Storage: Failed to init");
   return queue;
 }
 

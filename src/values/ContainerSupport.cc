@@ -1,5 +1,6 @@
 #include "values/ContainerSupport.h"
 
+#include "platform/dispatch/MakeQueue.h"
 #include "qelss/values/ArrayFactory.h"
 #include "qelss/values/DataFactory.h"
 #include "qelss/values/DateFactory.h"
@@ -25,11 +26,7 @@ std::error_code Widen(std::shared_ptr<IValue>& out, Make&& make) {
 
 std::error_code CreateContainerQueue(const char* label,
                                      std::shared_ptr<DispatchQueue::IQueue>& out) noexcept {
-  std::error_code result = DispatchQueue::QueueFactory::Create(out, DispatchQueue::kQueueTypeSerial,
-                                                               label, kContainerQueueQos);
-  // The queue library answers success with a value of 0, not the library's code.
-  if (result.value() == 0 && out) return kSuccess;
-  return result.value() == 0 ? make_error_code(kAllocationFailed) : result;
+  return platform::MakeQueue(out, DispatchQueue::kQueueTypeSerial, label, kContainerQueueQos);
 }
 
 void AppendAligned(std::string& out, std::string_view text, unsigned int width) {

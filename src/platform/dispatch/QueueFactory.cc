@@ -1,5 +1,7 @@
 #include <new>
+#include <utility>
 
+#include "platform/dispatch/MakeQueue.h"
 #include "platform/dispatch/SerialQueue.h"
 #include "qelss/platform/Dispatch.h"
 #include "qelss/platform/ErrorCode.h"
@@ -45,3 +47,17 @@ std::error_code QueueFactory::Create(std::shared_ptr<IQueue>& out, Type type, co
 }
 
 }  // namespace DispatchQueue
+
+namespace QelSS::platform {
+
+std::error_code MakeQueue(std::shared_ptr<DispatchQueue::IQueue>& out, DispatchQueue::Type type,
+                          const char* label, qos_class_t qos) noexcept {
+  std::shared_ptr<DispatchQueue::IQueue> made;
+  const std::error_code rc = DispatchQueue::QueueFactory::Create(made, type, label, qos);
+  if (rc.value() != 0) return rc;
+  if (!made) return make_error_code(kAllocationFailed);
+  out = std::move(made);
+  return make_error_code(kSuccess);
+}
+
+}  // namespace QelSS::platform
