@@ -1,8 +1,9 @@
 #pragma once
 
-// Keys of a domain's stored root, of transaction records and of their change
-// records. They are written to files and sent between processes: spell them
-// only through these names.
+// Every key of what the library writes to files or sends between processes:
+// a domain's stored root, transaction records, their change records, and the
+// messages exchanged with the settings service. Spell them only through these
+// names.
 
 namespace QelSS::RecordKeys {
 
@@ -19,5 +20,14 @@ inline constexpr const char* kChanges = "NewValue";
 inline constexpr const char* kPath = "Path";
 inline constexpr const char* kChange = "Change";
 inline constexpr const char* kNewValue = "NewValue";
+
+// Command to the settings service (also pushed by it), and its response. The
+// command's "DomainName" is spelt like the transaction record's, by design.
+inline constexpr const char* kCommand = "DomainCommand";
+inline constexpr const char* kClient = "DomainClient";
+inline constexpr const char* kCreate = "DomainCreate";
+inline constexpr const char* kTransaction = "DomainSettingTransaction";
+inline constexpr const char* kResponse = "DomainResponse";
+inline constexpr const char* kSettings = "DomainSettings";
 
 }  // namespace QelSS::RecordKeys

@@ -2,6 +2,7 @@
 
 #include "domain/ChangeRecord.h"
 #include "domain/DomainRoot.h"
+#include "domain/RecordKeys.h"
 #include "qelss/values/HashFactory.h"
 #include "qelss/values/INumber.h"
 #include "qelss/values/NumberFactory.h"
@@ -64,22 +65,24 @@ bool IsNonZero(const INumber& number) {
 std::error_code CreateCommand(const std::string& domainName, const std::string& client,
                               int64_t commandCode, bool create, std::shared_ptr<IHash>& command) {
   if (std::error_code made = HashFactory::Create(command); made != kSuccess) return made;
-  if (std::error_code set = SetInteger(*command, kDomainCommandKey, commandCode); set != kSuccess) {
+  if (std::error_code set = SetInteger(*command, RecordKeys::kCommand, commandCode);
+      set != kSuccess) {
     return set;
   }
-  if (std::error_code set = SetString(*command, kDomainNameKey, domainName); set != kSuccess) {
+  if (std::error_code set = SetString(*command, RecordKeys::kDomainName, domainName);
+      set != kSuccess) {
     return set;
   }
-  if (std::error_code set = SetString(*command, kDomainClientKey, client); set != kSuccess) {
+  if (std::error_code set = SetString(*command, RecordKeys::kClient, client); set != kSuccess) {
     return set;
   }
-  return SetInteger(*command, kDomainCreateKey, create ? 1 : 0);
+  return SetInteger(*command, RecordKeys::kCreate, create ? 1 : 0);
 }
 
 std::error_code GetResponseStatus(const std::shared_ptr<IHash>& response) {
   if (!response) return kInvalidArgument;
   std::shared_ptr<INumber> number;
-  if (std::error_code found = Find(*response, kDomainResponseKey, number); found != kSuccess) {
+  if (std::error_code found = Find(*response, RecordKeys::kResponse, number); found != kSuccess) {
     return found;
   }
   int64_t status = 0;
@@ -91,7 +94,7 @@ std::error_code GetResponseStatus(const std::shared_ptr<IHash>& response) {
 std::error_code CreateResponse(std::error_code status, std::shared_ptr<IHash>& response) {
   std::shared_ptr<IHash> built;
   if (std::error_code made = HashFactory::Create(built); made != kSuccess) return made;
-  if (std::error_code set = SetInteger(*built, kDomainResponseKey, status.value());
+  if (std::error_code set = SetInteger(*built, RecordKeys::kResponse, status.value());
       set != kSuccess) {
     return set;
   }
@@ -102,7 +105,7 @@ std::error_code CreateResponse(std::error_code status, std::shared_ptr<IHash>& r
 std::error_code GetCommand(const std::shared_ptr<IHash>& command, int64_t& commandCode) {
   if (!command) return kInvalidArgument;
   std::shared_ptr<INumber> number;
-  if (std::error_code found = Find(*command, kDomainCommandKey, number); found != kSuccess) {
+  if (std::error_code found = Find(*command, RecordKeys::kCommand, number); found != kSuccess) {
     return found;
   }
   int64_t code = 0;
@@ -115,18 +118,18 @@ std::error_code GetCommandInfo(const std::shared_ptr<IHash>& command, std::strin
                                std::string& client, bool& create) {
   if (!command) return kInvalidArgument;
   std::shared_ptr<IString> text;
-  if (std::error_code found = Find(*command, kDomainNameKey, text); found != kSuccess) {
+  if (std::error_code found = Find(*command, RecordKeys::kDomainName, text); found != kSuccess) {
     return found;
   }
   if (!text) return kInvalidCommand;
   domainName = text->GetCString();
-  if (std::error_code found = Find(*command, kDomainClientKey, text); found != kSuccess) {
+  if (std::error_code found = Find(*command, RecordKeys::kClient, text); found != kSuccess) {
     return found;
   }
   if (!text) return kInvalidCommand;
   client = text->GetCString();
   std::shared_ptr<INumber> flag;
-  if (std::error_code found = Find(*command, kDomainCreateKey, flag); found != kSuccess) {
+  if (std::error_code found = Find(*command, RecordKeys::kCreate, flag); found != kSuccess) {
     return found;
   }
   if (!flag) return kInvalidCommand;
@@ -138,7 +141,7 @@ std::error_code GetTransactionInfo(const std::shared_ptr<IHash>& command,
                                    std::shared_ptr<IHash>& record) {
   if (!command) return kInvalidArgument;
   std::shared_ptr<IHash> found;
-  if (std::error_code looked = Find(*command, kDomainSettingTransactionKey, found);
+  if (std::error_code looked = Find(*command, RecordKeys::kTransaction, found);
       looked != kSuccess) {
     return looked;
   }

@@ -1,9 +1,9 @@
 #pragma once
 
 // The messages exchanged with the settings service, and the root of a
-// domain's stored tree that a fetch returns. Everything that builds or takes
-// apart these hashes goes through here, so that the keys are spelled in one
-// place.
+// domain's stored tree that a fetch returns. Everything outside the library
+// that builds or takes apart these hashes goes through here; the library
+// spells their keys in one internal list.
 //
 // Command (client to service; also pushed by the service for the commits of
 // other clients), a Hash with, in this order:
@@ -37,14 +37,6 @@
 #include "qelss/values/IValue.h"
 
 namespace QelSS::DomainUtil {
-
-inline constexpr const char* kDomainCommandKey = "DomainCommand";
-inline constexpr const char* kDomainNameKey = "DomainName";
-inline constexpr const char* kDomainClientKey = "DomainClient";
-inline constexpr const char* kDomainCreateKey = "DomainCreate";
-inline constexpr const char* kDomainSettingTransactionKey = "DomainSettingTransaction";
-inline constexpr const char* kDomainResponseKey = "DomainResponse";
-inline constexpr const char* kDomainSettingsKey = "DomainSettings";
 
 inline constexpr int64_t kCommandFetch = 0;
 inline constexpr int64_t kCommandCommit = 1;
