@@ -21,16 +21,6 @@ namespace {
 constexpr uint32_t kQueueTag = DispatchQueue::MakeTag("QSSE");
 constexpr uint32_t kReportTag = QelErrTag("DOST");
 
-// The deep copy that transactions and savers work on.
-std::error_code CloneRoot(const std::shared_ptr<IHash>& root, std::shared_ptr<IHash>& copy) {
-  std::shared_ptr<IValue> cloned;
-  if (std::error_code made = root->Clone(cloned); made != kSuccess) return made;
-  auto hash = std::dynamic_pointer_cast<IHash>(cloned);
-  if (!hash) return kInvalidData;
-  copy = std::move(hash);
-  return kSuccess;
-}
-
 }  // namespace
 
 std::string DomainSetting::CanonicalName(std::string name) {
@@ -41,7 +31,10 @@ std::string DomainSetting::CanonicalName(std::string name) {
 }
 
 DomainSetting::DomainSetting(const std::string& name, bool createWhenMissing, bool remote)
-    : name_(CanonicalName(name)), createWhenMissing_(createWhenMissing), isRemote_(remote) {
+    : name_(CanonicalName(name)),
+      createWhenMissing_(createWhenMissing),
+      isRemote_(remote),
+      engine_(name_, remote) {
   std::error_code rc =
       platform::MakeQueue(domainQueue_, DispatchQueue::kQueueTypeSerial,
                           "com.qelvarin.domainsetting", QOS_CLASS_USER_INTERACTIVE);
@@ -49,8 +42,6 @@ DomainSetting::DomainSetting(const std::string& name, bool createWhenMissing, bo
     rc = platform::MakeQueue(observerQueue_, DispatchQueue::kQueueTypeSerial,
                              "com.qelvarin.domainsetting.observer", QOS_CLASS_DEFAULT);
   }
-  if (rc == kSuccess) rc = DomainRoot::Create(settings_);
-  if (rc == kSuccess) rc = DomainRoot::GetInternalSettings(settings_, tree_);
   if (rc != kSuccess) throw QelSharedSettingsException(rc, "DomainSettings: Failed to init");
 }
 
@@ -87,13 +78,13 @@ std::error_code DomainSetting::GetName(std::string& name) {
 }
 
 std::error_code DomainSetting::Get(const std::string& path, std::shared_ptr<IValue>& value) {
-  return RunOnDomainQueue("Get", [&] { return KeyPath::Lookup(tree_, path, value); });
+  return RunOnDomainQueue("Get", [&] { return KeyPath::Lookup(engine_.Tree(), path, value); });
 }
 
 std::error_code DomainSetting::CreateTransaction(std::shared_ptr<ITransaction>& transaction) {
   std::shared_ptr<IHash> copy;
   std::error_code copied =
-      RunOnDomainQueue("CreateTransaction", [&] { return CloneRoot(settings_, copy); });
+      RunOnDomainQueue("CreateTransaction", [&] { return engine_.CloneRoot(copy); });
   if (copied != kSuccess) return copied;
   try {
     return Transaction::Create(transaction, name_, std::move(copy));
@@ -104,11 +95,11 @@ std::error_code DomainSetting::CreateTransaction(std::shared_ptr<ITransaction>& 
 }
 
 std::error_code DomainSetting::CopySettings(std::shared_ptr<IHash>& settings) {
-  return RunOnDomainQueue("CopySettings", [&] { return CloneRoot(settings_, settings); });
+  return RunOnDomainQueue("CopySettings", [&] { return engine_.CloneRoot(settings); });
 }
 
 std::error_code DomainSetting::CopySettingsTree(std::shared_ptr<IHash>& tree) {
-  return RunOnDomainQueue("CopySettings", [&] { return CloneRoot(tree_, tree); });
+  return RunOnDomainQueue("CopySettings", [&] { return engine_.CloneTree(tree); });
 }
 
 std::error_code DomainSetting::SaveSettings(unsigned /*waitSeconds*/) {
@@ -120,9 +111,14 @@ std::error_code DomainSetting::DamagedFileKept(std::string& path) {
   return make_error_code(kSuccess);
 }
 
-std::error_code DomainSetting::CloneSettings(std::shared_ptr<IHash>& copy) const {
+CommitEngine& DomainSetting::Engine() noexcept {
   assert(OnDomainQueue());
-  return CloneRoot(settings_, copy);
+  return engine_;
+}
+
+const CommitEngine& DomainSetting::Engine() const noexcept {
+  assert(OnDomainQueue());
+  return engine_;
 }
 
 std::error_code DomainSetting::AddObserver(dispatch_queue_t queue,
@@ -154,29 +150,46 @@ std::error_code DomainSetting::RecordForCommit(const std::shared_ptr<ITransactio
   return internal->GetTransactionRecord(record);
 }
 
-std::error_code DomainSetting::ReplaceSettings(std::shared_ptr<IHash> root) {
-  assert(OnDomainQueue());
-  if (!root) return kInvalidArgument;
-  int64_t count = 0;
-  std::shared_ptr<IHash> tree;
-  if (DomainRoot::GetGenerationCount(root, count) != kSuccess ||
-      DomainRoot::GetInternalSettings(root, tree) != kSuccess) {
-    return kInvalidData;
-  }
-  settings_ = std::move(root);
-  tree_ = std::move(tree);
-  history_.Clear();
-  return kSuccess;
+std::error_code DomainSetting::ValidateAndApply(const std::shared_ptr<IHash>& record, bool notify) {
+  std::vector<Change> applied;
+  const std::error_code rc = Engine().ValidateAndApply(record, applied);
+  if (rc == kSuccess && notify) Deliver(applied);
+  return rc;
 }
 
-std::error_code DomainSetting::ReplaceSettingsTree(std::shared_ptr<IHash> tree) {
-  if (!tree) return kInvalidArgument;
-  std::shared_ptr<IHash> root;
-  if (std::error_code made = DomainRoot::Create(root); made != kSuccess) return made;
-  if (std::error_code set = root->Set(RecordKeys::kInternalSettings, tree); set != kSuccess) {
-    return set;
+std::error_code DomainSetting::ApplyTransaction(const std::shared_ptr<IHash>& record, bool notify) {
+  std::vector<Change> applied;
+  const std::error_code rc = Engine().ApplyTransaction(record, applied);
+  if (rc == kSuccess && notify) Deliver(applied);
+  return rc;
+}
+
+void DomainSetting::NotifyObserver(const std::shared_ptr<IArray>& changes) {
+  assert(OnDomainQueue());
+  std::vector<Change> read;
+  if (ReadChanges(changes, read) != kSuccess) return;
+  Deliver(read);
+}
+
+void DomainSetting::Deliver(const std::vector<Change>& changes) {
+  std::vector<ObserverList::Delivery> deliveries = observers_.Live();
+  if (deliveries.empty()) return;
+  // A domain already being destroyed has no one left to hand to observers.
+  std::shared_ptr<IDomainSetting> domain = weak_from_this().lock();
+  if (!domain) return;
+  // One immutable list shared by every delivery of this commit.
+  auto list = std::make_shared<const IObserver::ChangeList>(MakeChangeList(changes));
+  for (ObserverList::Delivery& delivery : deliveries) {
+    dispatch_queue_t queue =
+        delivery.queue.get() ? delivery.queue.get() : observerQueue_->GetDispatchQueue();
+    dispatch_async(queue, [observer = std::move(delivery.observer), domain, list] {
+      try {
+        observer->OnChange(domain, *list);
+      } catch (...) {
+        ReportCaughtException(1, kReportTag, "OnChange");
+      }
+    });
   }
-  return ReplaceSettings(std::move(root));
 }
 
 }  // namespace QelSS

@@ -5,7 +5,6 @@
 #include <mutex>
 #include <utility>
 
-#include "domain/DomainRoot.h"
 #include "persistence/DomainFile.h"
 #include "persistence/Key.h"
 #include "persistence/Storage.h"
@@ -158,7 +157,7 @@ std::error_code LocalDomainSetting::ReadTree(const std::string& path,
 
 std::error_code LocalDomainSetting::InstallTree(std::shared_ptr<IHash> tree, bool dirty) {
   return RunOnDomainQueue("FetchSettings", [&] {
-    std::error_code installed = ReplaceSettingsTree(std::move(tree));
+    std::error_code installed = Engine().ReplaceSettingsTree(std::move(tree));
     if (installed == kSuccess && dirty) MarkDirty();
     return installed;
   });
@@ -222,7 +221,7 @@ std::error_code LocalDomainSetting::RestoreFromBackup(std::error_code damage) {
   Report("FetchDomain", ("Restored from backup; the damaged file is kept as " + kept).c_str(),
          Name(), damage);
   return RunOnDomainQueue("FetchSettings", [&] {
-    std::error_code installed = ReplaceSettingsTree(std::move(tree));
+    std::error_code installed = Engine().ReplaceSettingsTree(std::move(tree));
     if (installed == kSuccess) {
       damagedFileKept_ = kept;
       MarkDirty();
@@ -261,23 +260,27 @@ std::error_code LocalDomainSetting::CommitTransaction(
 void LocalDomainSetting::MarkDirty() {
   lastChange_ = DispatchClock::SystemNow();
   quietSince_->store(lastChange_.time_since_epoch().count());
-  if (keepAlive_ == 0) keepAlive_ = KeepAlive::Begin();
-  if (!timerRunning_) {
-    ArmOnce();
-    timerRunning_ = true;
-    dispatch_resume(saveTimer_);
+  switch (saveState_) {
+    case SaveState::kUnsaved:
+    case SaveState::kClosing:
+      return;
+    case SaveState::kNeverChanged:
+      Arm();
+      [[fallthrough]];
+    case SaveState::kSaved:
+      keepAlive_ = KeepAlive::Begin();
+      saveState_ = SaveState::kUnsaved;
+      dispatch_resume(saveTimer_);
   }
 }
 
 void LocalDomainSetting::MarkClean() {
-  timerRunning_ = false;
+  saveState_ = SaveState::kSaved;
   dispatch_suspend(saveTimer_);
   if (keepAlive_ != 0) KeepAlive::End(std::exchange(keepAlive_, 0));
 }
 
-void LocalDomainSetting::ArmOnce() {
-  if (armed_) return;
-  armed_ = true;
+void LocalDomainSetting::Arm() {
   // Weak: a pending save must not keep a released domain alive; the
   // destructor writes it instead.
   std::weak_ptr<DomainSetting> weak = weak_from_this();
@@ -306,9 +309,7 @@ void LocalDomainSetting::ArmOnce() {
 // ---- Saving
 
 std::error_code LocalDomainSetting::TakeSaveJob(SaveJob& job) {
-  std::shared_ptr<IHash> root;
-  std::error_code copied = CloneSettings(root);
-  if (copied == kSuccess) copied = DomainRoot::GetInternalSettings(root, job.tree);
+  const std::error_code copied = Engine().CloneTree(job.tree);
   if (copied != kSuccess) {
     return Report("SaveSettings", "Failed to write settings to disk", Name(), copied);
   }
@@ -320,7 +321,7 @@ std::error_code LocalDomainSetting::TakeSaveJob(SaveJob& job) {
 }
 
 std::error_code LocalDomainSetting::SaveCheck(bool force) {
-  if (!timerRunning_) return kSuccess;
+  if (saveState_ != SaveState::kUnsaved) return kSuccess;
   if (!force && DispatchClock::SystemNow() - lastChange_ < kQuietPeriod) return kSuccess;
   SaveJob job;
   if (std::error_code taken = TakeSaveJob(job); taken != kSuccess) return taken;
@@ -378,10 +379,8 @@ void LocalDomainSetting::FinalSave() {
     dispatch_source_set_event_handler(saveTimer_, nullptr);
     // On the domain queue, so that no tick is under way once it returns.
     dispatch_source_cancel(saveTimer_);
-    if (timerRunning_) {
-      timerRunning_ = false;
-      pending = TakeSaveJob(job) == kSuccess;
-    }
+    pending = saveState_ == SaveState::kUnsaved && TakeSaveJob(job) == kSuccess;
+    saveState_ = SaveState::kClosing;
     return make_error_code(kSuccess);
   };
   if (onQueue) {

@@ -114,7 +114,7 @@ class LocalDomainSetting final : public DomainSetting {
   std::error_code InstallEmptyTree();
   void MarkDirty();
   void MarkClean();
-  void ArmOnce();
+  void Arm();
   std::error_code SaveCheck(bool force);
   std::error_code TakeSaveJob(SaveJob& job);
   void FinalSave();
@@ -131,12 +131,20 @@ class LocalDomainSetting final : public DomainSetting {
   const std::shared_ptr<std::atomic<std::chrono::system_clock::rep>> quietSince_ =
       std::make_shared<std::atomic<std::chrono::system_clock::rep>>(0);
 
+  // Where the domain stands with its file.
+  //   kNeverChanged  nothing to write since loading; the timer handler and
+  //                  the exit flusher are not in place yet (they need a weak
+  //                  reference to this object, which the constructor cannot
+  //                  have).
+  //   kSaved         the file holds every commit; the timer is suspended.
+  //   kUnsaved       commits wait for the timer; it runs and the process
+  //                  keep-alive is held.
+  //   kClosing       the timer is cancelled; only the final save remains.
+  enum class SaveState { kNeverChanged, kSaved, kUnsaved, kClosing };
+
   // On the domain queue only (the destructor reads them once nothing else
   // can run).
-  bool timerRunning_ = false;
-  // Set once the timer handler and the exit flusher are in place; they need a
-  // weak reference to this object, which the constructor cannot have.
-  bool armed_ = false;
+  SaveState saveState_ = SaveState::kNeverChanged;
   unsigned long exitFlusher_ = 0;
   std::chrono::system_clock::time_point lastChange_{};
   platform::KeepAlive::Token keepAlive_ = 0;

@@ -48,13 +48,14 @@ class InMemoryDomain final : public DomainSetting {
     return RunOnDomainQueue("Push", [&] { return ValidateAndApply(record, notify); });
   }
   std::error_code Validate(const std::shared_ptr<IHash>& record) {
-    return RunOnDomainQueue("Validate", [&] { return IsTransactionValid(record); });
+    return RunOnDomainQueue("Validate", [&] { return Engine().IsTransactionValid(record); });
   }
   std::error_code Load(std::shared_ptr<IHash> root) {
-    return RunOnDomainQueue("Load", [&] { return ReplaceSettings(std::move(root)); });
+    return RunOnDomainQueue("Load", [&] { return Engine().ReplaceSettings(std::move(root)); });
   }
   std::error_code LoadTree(std::shared_ptr<IHash> tree) {
-    return RunOnDomainQueue("LoadTree", [&] { return ReplaceSettingsTree(std::move(tree)); });
+    return RunOnDomainQueue("LoadTree",
+                            [&] { return Engine().ReplaceSettingsTree(std::move(tree)); });
   }
   int64_t Generation() {
     std::shared_ptr<IHash> root;

@@ -1,14 +1,11 @@
-// Validation, merging and application of transaction records, and the
-// notification of observers. Everything here runs on the domain queue.
+#include "domain/CommitEngine.h"
 
-#include <cassert>
 #include <utility>
 
 #include "domain/DomainRoot.h"
-#include "domain/DomainSetting.h"
 #include "domain/RecordKeys.h"
-#include "persistence/CaughtException.h"
 #include "platform/report/Report.h"
+#include "qelss/values/Exceptions.h"
 #include "qelss/values/NumberFactory.h"
 #include "values/FailureReport.h"
 #include "values/KeyPath.h"
@@ -46,9 +43,34 @@ std::error_code ReadRecordChanges(const std::shared_ptr<IHash>& record,
   return ReadChanges(array, changes);
 }
 
+// The deep copy that transactions and savers work on.
+std::error_code Clone(const std::shared_ptr<IHash>& hash, std::shared_ptr<IHash>& copy) {
+  std::shared_ptr<IValue> cloned;
+  if (std::error_code made = hash->Clone(cloned); made != kSuccess) return made;
+  auto copied = std::dynamic_pointer_cast<IHash>(cloned);
+  if (!copied) return kInvalidData;
+  copy = std::move(copied);
+  return kSuccess;
+}
+
 }  // namespace
 
-std::error_code DomainSetting::CheckDomainName(const std::shared_ptr<IHash>& record) const {
+CommitEngine::CommitEngine(std::string name, bool remote)
+    : name_(std::move(name)), isRemote_(remote) {
+  std::error_code rc = DomainRoot::Create(settings_);
+  if (rc == kSuccess) rc = DomainRoot::GetInternalSettings(settings_, tree_);
+  if (rc != kSuccess) throw QelSharedSettingsException(rc, "DomainSettings: Failed to init");
+}
+
+std::error_code CommitEngine::CloneRoot(std::shared_ptr<IHash>& copy) const {
+  return Clone(settings_, copy);
+}
+
+std::error_code CommitEngine::CloneTree(std::shared_ptr<IHash>& copy) const {
+  return Clone(tree_, copy);
+}
+
+std::error_code CommitEngine::CheckDomainName(const std::shared_ptr<IHash>& record) const {
   std::shared_ptr<IValue> value;
   if (std::error_code got = DomainRoot::LookUp(*record, RecordKeys::kDomainName, value);
       got != kSuccess) {
@@ -65,8 +87,8 @@ std::error_code DomainSetting::CheckDomainName(const std::shared_ptr<IHash>& rec
   return kSuccess;
 }
 
-std::error_code DomainSetting::ReportInvalid(const char* message, std::error_code code,
-                                             int64_t inCount, int64_t orgCount) const {
+std::error_code CommitEngine::ReportInvalid(const char* message, std::error_code code,
+                                            int64_t inCount, int64_t orgCount) const {
   const char* domain = kQelSharedSettingsErrorDomain;
   QelErrReportRef report =
       QelErrReportingBeginFailureReport(1, kReportTag, "", "", kQelErrLocationCaller);
@@ -83,8 +105,7 @@ std::error_code DomainSetting::ReportInvalid(const char* message, std::error_cod
   return code;
 }
 
-std::error_code DomainSetting::IsTransactionValid(const std::shared_ptr<IHash>& record) {
-  assert(OnDomainQueue());
+std::error_code CommitEngine::IsTransactionValid(const std::shared_ptr<IHash>& record) {
   if (!record) return kInvalidArgument;
   if (std::error_code named = CheckDomainName(record); named != kSuccess) return named;
 
@@ -114,8 +135,7 @@ std::error_code DomainSetting::IsTransactionValid(const std::shared_ptr<IHash>& 
   return kSuccess;
 }
 
-std::error_code DomainSetting::TransactionCanBeMerged(const std::shared_ptr<IHash>& record) const {
-  assert(OnDomainQueue());
+std::error_code CommitEngine::TransactionCanBeMerged(const std::shared_ptr<IHash>& record) const {
   int64_t orgCount = 0;
   int64_t inCount = 0;
   if (std::error_code got = DomainRoot::GetGenerationCount(settings_, orgCount); got != kSuccess) {
@@ -135,23 +155,23 @@ std::error_code DomainSetting::TransactionCanBeMerged(const std::shared_ptr<IHas
                                                  : make_error_code(kSuccess);
 }
 
-std::error_code DomainSetting::ApplyTransaction(const std::shared_ptr<IHash>& record, bool notify) {
-  assert(OnDomainQueue());
+std::error_code CommitEngine::ApplyTransaction(const std::shared_ptr<IHash>& record,
+                                               std::vector<Change>& applied) {
   if (!record) return kInvalidArgument;
   std::vector<Change> changes;
   if (std::error_code read = ReadRecordChanges(record, changes); read != kSuccess) return read;
   if (std::error_code checked = CheckApplicable(changes); checked != kSuccess) return checked;
 
-  if (std::error_code applied = ApplyChanges(changes); applied != kSuccess) return applied;
+  if (std::error_code changed = ApplyChanges(changes); changed != kSuccess) return changed;
   if (std::error_code raised = IncrementGCCount(); raised != kSuccess) return raised;
   if (std::error_code remembered = RememberChanges(changes); remembered != kSuccess) {
     return Report("UpdateGCChanges", "Failed to update GC changes", remembered);
   }
-  if (notify) Deliver(changes);
+  applied = std::move(changes);
   return kSuccess;
 }
 
-std::error_code DomainSetting::ApplyChanges(const std::vector<Change>& changes) {
+std::error_code CommitEngine::ApplyChanges(const std::vector<Change>& changes) {
   for (const Change& change : changes) {
     const char* path = change.path->GetCString();
     if (change.IsDeletion()) {
@@ -165,13 +185,13 @@ std::error_code DomainSetting::ApplyChanges(const std::vector<Change>& changes) 
   return kSuccess;
 }
 
-std::error_code DomainSetting::ValidateAndApply(const std::shared_ptr<IHash>& record, bool notify) {
+std::error_code CommitEngine::ValidateAndApply(const std::shared_ptr<IHash>& record,
+                                               std::vector<Change>& applied) {
   if (std::error_code valid = IsTransactionValid(record); valid != kSuccess) return valid;
-  return ApplyTransaction(record, notify);
+  return ApplyTransaction(record, applied);
 }
 
-std::error_code DomainSetting::IncrementGCCount() {
-  assert(OnDomainQueue());
+std::error_code CommitEngine::IncrementGCCount() {
   std::shared_ptr<IValue> value;
   std::error_code result = DomainRoot::LookUp(*settings_, RecordKeys::kGenerationCount, value);
   int64_t count = 0;
@@ -191,8 +211,7 @@ std::error_code DomainSetting::IncrementGCCount() {
   return kSuccess;
 }
 
-std::error_code DomainSetting::UpdateGCChanges(const std::shared_ptr<IHash>& record) {
-  assert(OnDomainQueue());
+std::error_code CommitEngine::UpdateGCChanges(const std::shared_ptr<IHash>& record) {
   std::vector<Change> changes;
   std::error_code result =
       record ? ReadRecordChanges(record, changes) : make_error_code(kInvalidArgument);
@@ -201,7 +220,7 @@ std::error_code DomainSetting::UpdateGCChanges(const std::shared_ptr<IHash>& rec
   return kSuccess;
 }
 
-std::error_code DomainSetting::RememberChanges(const std::vector<Change>& changes) {
+std::error_code CommitEngine::RememberChanges(const std::vector<Change>& changes) {
   int64_t count = 0;
   if (std::error_code got = DomainRoot::GetGenerationCount(settings_, count); got != kSuccess) {
     return got;
@@ -210,32 +229,28 @@ std::error_code DomainSetting::RememberChanges(const std::vector<Change>& change
   return kSuccess;
 }
 
-void DomainSetting::NotifyObserver(const std::shared_ptr<IArray>& changes) {
-  assert(OnDomainQueue());
-  std::vector<Change> read;
-  if (ReadChanges(changes, read) != kSuccess) return;
-  Deliver(read);
+std::error_code CommitEngine::ReplaceSettings(std::shared_ptr<IHash> root) {
+  if (!root) return kInvalidArgument;
+  int64_t count = 0;
+  std::shared_ptr<IHash> tree;
+  if (DomainRoot::GetGenerationCount(root, count) != kSuccess ||
+      DomainRoot::GetInternalSettings(root, tree) != kSuccess) {
+    return kInvalidData;
+  }
+  settings_ = std::move(root);
+  tree_ = std::move(tree);
+  history_.Clear();
+  return kSuccess;
 }
 
-void DomainSetting::Deliver(const std::vector<Change>& changes) {
-  std::vector<ObserverList::Delivery> deliveries = observers_.Live();
-  if (deliveries.empty()) return;
-  // A domain already being destroyed has no one left to hand to observers.
-  std::shared_ptr<IDomainSetting> domain = weak_from_this().lock();
-  if (!domain) return;
-  // One immutable list shared by every delivery of this commit.
-  auto list = std::make_shared<const IObserver::ChangeList>(MakeChangeList(changes));
-  for (ObserverList::Delivery& delivery : deliveries) {
-    dispatch_queue_t queue =
-        delivery.queue.get() ? delivery.queue.get() : observerQueue_->GetDispatchQueue();
-    dispatch_async(queue, [observer = std::move(delivery.observer), domain, list] {
-      try {
-        observer->OnChange(domain, *list);
-      } catch (...) {
-        ReportCaughtException(1, kReportTag, "OnChange");
-      }
-    });
+std::error_code CommitEngine::ReplaceSettingsTree(std::shared_ptr<IHash> tree) {
+  if (!tree) return kInvalidArgument;
+  std::shared_ptr<IHash> root;
+  if (std::error_code made = DomainRoot::Create(root); made != kSuccess) return made;
+  if (std::error_code set = root->Set(RecordKeys::kInternalSettings, tree); set != kSuccess) {
+    return set;
   }
+  return ReplaceSettings(std::move(root));
 }
 
 }  // namespace QelSS

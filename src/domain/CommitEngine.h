@@ -1,0 +1,104 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "domain/ChangeHistory.h"
+#include "domain/ChangeRecord.h"
+#include "qelss/values/IHash.h"
+
+namespace QelSS {
+
+// One domain's state and the rules that change it: the stored root
+// (generation count and settings tree), the history of the paths that recent
+// generations changed, and the validation, merging and application of
+// transaction records against them. Used by the in-process domains and by the
+// settings service for the domains it keeps.
+//
+// Not thread-safe: its owner serialises every call (a domain runs them on its
+// queue). Failures that a user must hear of are reported here.
+class CommitEngine {
+ public:
+  // An empty tree at generation 0 for domain `name` (already canonical).
+  // `remote`: the state is a copy of one kept by another process, whose
+  // records may be ahead of it. Throws QelSharedSettingsException when the
+  // root cannot be made.
+  CommitEngine(std::string name, bool remote);
+
+  const std::string& Name() const noexcept { return name_; }
+  // The live settings tree, for reads; changed only through this class.
+  const std::shared_ptr<IHash>& Tree() const noexcept { return tree_; }
+
+  // Deep copies of the whole stored root, or of the settings tree alone.
+  // kInvalidData when the copy is not a hash.
+  [[nodiscard]] std::error_code CloneRoot(std::shared_ptr<IHash>& copy) const;
+  [[nodiscard]] std::error_code CloneTree(std::shared_ptr<IHash>& copy) const;
+
+  // Whether `record` may be applied to the current state:
+  //   kSuccess              made from the current generation, or from a recent
+  //                         one and touching nothing changed since
+  //   kInvalidArgument      null record
+  //   kInvalidData          another domain's record (reported as malformed), or
+  //                         a name or count of the wrong type
+  //   kTransactionConflict  too old, ahead of a local domain, or colliding
+  // Refusals are reported.
+  [[nodiscard]] std::error_code IsTransactionValid(const std::shared_ptr<IHash>& record);
+
+  // The merge test of IsTransactionValid for a record whose generation differs
+  // from the state's: kTransactionConflict when one of its changes touches a
+  // path changed by the generations in between, or when the history no longer
+  // reaches back to the record's generation; kInvalidData for a malformed record.
+  [[nodiscard]] std::error_code TransactionCanBeMerged(const std::shared_ptr<IHash>& record) const;
+
+  // Applies every change of `record` to the tree, raises the generation count
+  // and remembers the changed paths; `applied` gets the changes, for the
+  // observers. A malformed record (kInvalidArgument for null, kInvalidData for
+  // a change array or change record of the wrong shape) changes nothing. A
+  // change that the tree refuses stops the walk with its code; the changes
+  // before it stay applied and the count does not move.
+  [[nodiscard]] std::error_code ApplyTransaction(const std::shared_ptr<IHash>& record,
+                                                 std::vector<Change>& applied);
+
+  // IsTransactionValid, then ApplyTransaction.
+  [[nodiscard]] std::error_code ValidateAndApply(const std::shared_ptr<IHash>& record,
+                                                 std::vector<Change>& applied);
+
+  // Raises the stored generation count by one (an absent count counts as 0).
+  // Failures are reported.
+  [[nodiscard]] std::error_code IncrementGCCount();
+
+  // Adds the paths of `record` to the history as the changes of the current
+  // generation. Failures are reported.
+  [[nodiscard]] std::error_code UpdateGCChanges(const std::shared_ptr<IHash>& record);
+
+  // Installs `root` (a stored root: an int64 generation count and a settings
+  // hash) as the whole state, and forgets the change history, which described
+  // the state replaced. kInvalidArgument for null; kInvalidData, state
+  // unchanged, for a root of the wrong shape.
+  [[nodiscard]] std::error_code ReplaceSettings(std::shared_ptr<IHash> root);
+
+  // ReplaceSettings with a fresh root at generation 0 around `tree`: how a
+  // domain is loaded from a store that keeps the tree but no count.
+  // kInvalidArgument for null; a factory's code when the root cannot be made.
+  [[nodiscard]] std::error_code ReplaceSettingsTree(std::shared_ptr<IHash> tree);
+
+ private:
+  std::error_code ApplyChanges(const std::vector<Change>& changes);
+  std::error_code RememberChanges(const std::vector<Change>& changes);
+  std::error_code CheckDomainName(const std::shared_ptr<IHash>& record) const;
+  std::error_code ReportInvalid(const char* message, std::error_code code, int64_t inCount,
+                                int64_t orgCount) const;
+
+  const std::string name_;
+  const bool isRemote_;
+  // tree_ is the settings tree inside settings_, kept at hand because every
+  // read starts from it; only ReplaceSettings changes which hashes the two are.
+  std::shared_ptr<IHash> settings_;
+  std::shared_ptr<IHash> tree_;
+  ChangeHistory history_;
+};
+
+}  // namespace QelSS
