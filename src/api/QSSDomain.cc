@@ -11,23 +11,24 @@
 #include "api/QSSDomainAccess.h"
 #include "domain/DomainFactory.h"
 #include "domain/IDomainSettingInternal.h"
+#include "platform/support/Mutex.h"
 #include "qelss/domain/SettingsObserver.h"
 #include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
 
 struct QSSDomain::TransactionSlot {
-  std::mutex mutex;
-  std::shared_ptr<ITransaction> transaction;  // guarded by mutex
+  platform::Mutex mutex;
+  std::shared_ptr<ITransaction> transaction QELSS_GUARDED_BY(mutex);
 
-  std::shared_ptr<ITransaction> Get() {
-    std::lock_guard lock(mutex);
+  std::shared_ptr<ITransaction> Get() QELSS_EXCLUDES(mutex) {
+    platform::MutexLock lock(mutex);
     return transaction;
   }
 
   // The replaced transaction is released outside the lock.
-  void Put(std::shared_ptr<ITransaction> next) {
-    std::lock_guard lock(mutex);
+  void Put(std::shared_ptr<ITransaction> next) QELSS_EXCLUDES(mutex) {
+    platform::MutexLock lock(mutex);
     transaction.swap(next);
   }
 };

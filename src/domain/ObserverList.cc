@@ -22,7 +22,7 @@ std::error_code ObserverList::Add(dispatch_queue_t queue,
                                   const std::shared_ptr<IObserver>& observer) {
   if (!observer) return kInvalidArgument;
   Entry entry{observer, RetainedQueue(queue)};
-  std::lock_guard<std::mutex> lock(mutex_);
+  platform::MutexLock lock(mutex_);
   entries_.push_back(std::move(entry));
   return kSuccess;
 }
@@ -32,7 +32,7 @@ std::error_code ObserverList::Remove(const std::shared_ptr<IObserver>& observer)
   // run work of the queue library.
   std::vector<Entry> removed;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    platform::MutexLock lock(mutex_);
     std::vector<Entry> kept;
     kept.reserve(entries_.size());
     for (Entry& entry : entries_) {
@@ -49,7 +49,7 @@ std::error_code ObserverList::Remove(const std::shared_ptr<IObserver>& observer)
 
 std::vector<ObserverList::Delivery> ObserverList::Live() const {
   std::vector<Delivery> live;
-  std::lock_guard<std::mutex> lock(mutex_);
+  platform::MutexLock lock(mutex_);
   live.reserve(entries_.size());
   for (const Entry& entry : entries_) {
     if (std::shared_ptr<IObserver> observer = entry.observer.lock()) {

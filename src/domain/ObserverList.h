@@ -1,11 +1,11 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <system_error>
 #include <vector>
 
 #include "domain/RetainedQueue.h"
+#include "platform/support/Mutex.h"
 #include "qelss/domain/IObserver.h"
 
 namespace QelSS {
@@ -24,14 +24,15 @@ class ObserverList {
 
   // Appends an entry; `queue` (may be null) is retained while the entry lives.
   // kInvalidArgument for a null observer.
-  std::error_code Add(dispatch_queue_t queue, const std::shared_ptr<IObserver>& observer);
+  std::error_code Add(dispatch_queue_t queue, const std::shared_ptr<IObserver>& observer)
+      QELSS_EXCLUDES(mutex_);
 
   // Removes every entry of `observer` and every entry whose observer is gone;
   // the others keep their order. kSuccess when something went, else kNotFound.
-  std::error_code Remove(const std::shared_ptr<IObserver>& observer);
+  std::error_code Remove(const std::shared_ptr<IObserver>& observer) QELSS_EXCLUDES(mutex_);
 
   // The entries whose observer still exists, in order of registration.
-  std::vector<Delivery> Live() const;
+  std::vector<Delivery> Live() const QELSS_EXCLUDES(mutex_);
 
  private:
   struct Entry {
@@ -39,8 +40,8 @@ class ObserverList {
     RetainedQueue queue;
   };
 
-  mutable std::mutex mutex_;
-  std::vector<Entry> entries_;  // guarded by mutex_
+  mutable platform::Mutex mutex_;
+  std::vector<Entry> entries_ QELSS_GUARDED_BY(mutex_);
 };
 
 }  // namespace QelSS

@@ -119,8 +119,8 @@ TEST(PropertyListReader, RefusesAnythingOutsideTheGrammar) {
       "<plist xmlns='urn:x'><dict/></plist>",
       // An entity reference could hide content: refused, never expanded.
       "<!DOCTYPE plist [<!ENTITY e \"x\">]><plist><string>&e;</string></plist>",
-      "<!DOCTYPE plist [<!ENTITY e SYSTEM \"file:///etc/passwd\">]>"
-      "<plist><string>&e;</string></plist>",
+      ("<!DOCTYPE plist [<!ENTITY e SYSTEM \"file:///etc/passwd\">]>"
+       "<plist><string>&e;</string></plist>"),
   };
   for (const char* text : bad) {
     EXPECT_EQ(ParseCode(text), Code(kInvalidData)) << text;

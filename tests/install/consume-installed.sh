@@ -3,7 +3,8 @@
 # quickstart example against that copy as another project would, once through
 # find_package and once through pkg-config, and runs both builds.
 #   consume-installed.sh <build dir> <quickstart.cc> <consumer project> <work dir>
-# CXXFLAGS and LDFLAGS are passed on (a sanitized library needs its runtime).
+# CXX, CXXFLAGS and LDFLAGS are passed on (a sanitized library needs its
+# runtime, and flags may be one compiler's own).
 set -euo pipefail
 build=$1 source=$2 project=$3 work=$4
 
@@ -32,6 +33,6 @@ echo "== pkg-config"
 pc() { PKG_CONFIG_PATH=$pcdir pkg-config --define-variable=prefix="$prefix" "$@" qelss; }
 mkdir -p "$work/pkg-config"
 # shellcheck disable=SC2046,SC2086
-c++ ${CXXFLAGS:-} $(pc --cflags) "$source" -o "$work/pkg-config/consumer" ${LDFLAGS:-} $(pc --libs)
+"${CXX:-c++}" ${CXXFLAGS:-} $(pc --cflags) "$source" -o "$work/pkg-config/consumer" ${LDFLAGS:-} $(pc --libs)
 run pkg-config
 echo "both builds ran"

@@ -236,7 +236,9 @@ TEST(ScalarValues, CopyXPCObjectAndCloneShareTheImmutablePayload) {
     std::shared_ptr<IValue> clone;
     ASSERT_EQ(value->Clone(clone), make_error_code(kSuccess));
     EXPECT_NE(clone.get(), value.get());
-    EXPECT_EQ(typeid(*clone), typeid(*value));
+    const IValue& cloned = *clone;
+    const IValue& original = *value;
+    EXPECT_EQ(typeid(cloned), typeid(original));
     EXPECT_TRUE(*clone == *value);
     EXPECT_EQ(Describe(*clone, 1), Describe(*value, 1));
     EXPECT_EQ(PlatformObject(clone), PlatformObject(value));

@@ -255,7 +255,9 @@ TEST(Clone, MakesAnIndependentValueOfTheSameClass) {
     ASSERT_NE(clone, nullptr);
     EXPECT_NE(clone.get(), value.get());
     EXPECT_TRUE(*clone == *value);
-    EXPECT_EQ(typeid(*clone), typeid(*value));
+    const IValue& cloned = *clone;
+    const IValue& original = *value;
+    EXPECT_EQ(typeid(cloned), typeid(original));
     EXPECT_EQ(Describe(*clone), Describe(*value));
     // Immutable payloads are shared, not copied.
     EXPECT_EQ(PlatformObject(clone), payload);
@@ -344,8 +346,9 @@ TEST(ValueBase, DefaultsAnswerNotImplemented) {
   EXPECT_EQ(bare.Serialize(bytes), make_error_code(kNotImplemented));
   EXPECT_EQ(bare.CopyXPCObject(&object), make_error_code(kNotImplemented));
   EXPECT_EQ(bare.GetXPCObject(), nullptr);
-  EXPECT_TRUE(bare == other);  // the tag alone decides
-  EXPECT_FALSE(bare != other);
+  const IValue& asValue = bare;
+  EXPECT_TRUE(asValue == other);  // the tag alone decides
+  EXPECT_FALSE(asValue != other);
   EXPECT_FALSE(bare == *MakeNull());
 }
 

@@ -109,7 +109,7 @@ bool SerialQueue::SpinForTurn() noexcept {
 bool SerialQueue::WaitForTurn(uint32_t tag, uint32_t flags) {
   if (SpinForTurn()) return true;
   SyncWaiter waiter(tag, flags);
-  std::unique_lock<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   uint32_t state = state_.load(std::memory_order_relaxed);
   for (;;) {
     if (state & kClosed) return false;
@@ -129,16 +129,21 @@ bool SerialQueue::WaitForTurn(uint32_t tag, uint32_t flags) {
   return waiter.turn == SyncWaiter::kGranted;
 }
 
-void SerialQueue::WaitAsQueuedItem(std::unique_lock<std::mutex>& lock, SyncWaiter& waiter) {
+void SerialQueue::WaitAsQueuedItem(MutexLock& lock, SyncWaiter& waiter) {
   auto decided = [&waiter] { return waiter.turn != SyncWaiter::kWaiting; };
   WorkerPool::BlockingScope blocking;
-  if (waiter.wake.wait_for(lock, kDeadlockCheckDelay, decided)) return;
-  // The registry's lock is never taken under a queue's mutex.
-  lock.unlock();
-  DeadlockWatch watch(*this);
-  lock.lock();
-  waiter.wake.wait(lock, decided);
-  lock.unlock();
+  if (lock.WaitFor(waiter.wake, kDeadlockCheckDelay, decided)) return;
+  // The registry's lock is never taken under a queue's mutex: the watch
+  // begins and ends with the mutex let go. The caller's lock still counts as
+  // holding it, and does again once it is taken back.
+  mutex_.Unlock();
+  {
+    DeadlockWatch watch(*this);
+    mutex_.Lock();
+    lock.Wait(waiter.wake, decided);
+    mutex_.Unlock();
+  }
+  mutex_.Lock();
 }
 
 void SerialQueue::ReleaseOwnership() noexcept {
@@ -147,27 +152,28 @@ void SerialQueue::ReleaseOwnership() noexcept {
                                      std::memory_order_relaxed)) {
     return;
   }
-  std::unique_lock<std::mutex> lock(mutex_);
-  PassOwnershipLocked(lock);
+  bool drain = false;
+  {
+    MutexLock lock(mutex_);
+    drain = PassOwnershipLocked();
+  }
+  if (drain) ScheduleDrain();
 }
 
-void SerialQueue::PassOwnershipLocked(std::unique_lock<std::mutex>& lock) noexcept {
+bool SerialQueue::PassOwnershipLocked() noexcept {
   WorkItem* next = head_;
   if (next == nullptr) {
     BecomeIdleLocked();
-    return;
+    return false;
   }
-  if (next->kind == WorkItem::kSync) {
-    PopLocked();
-    auto* waiter = static_cast<SyncWaiter*>(next);
-    waiter->turn = SyncWaiter::kGranted;
-    // Notified under the lock: once the waiter can see its turn it may return
-    // and destroy the condition variable.
-    waiter->wake.notify_one();
-    return;
-  }
-  lock.unlock();
-  ScheduleDrain();
+  if (next->kind != WorkItem::kSync) return true;
+  PopLocked();
+  auto* waiter = static_cast<SyncWaiter*>(next);
+  waiter->turn = SyncWaiter::kGranted;
+  // Notified under the lock: once the waiter can see its turn it may return
+  // and destroy the condition variable.
+  waiter->wake.notify_one();
+  return false;
 }
 
 void SerialQueue::BecomeIdleLocked() noexcept {
@@ -185,7 +191,7 @@ bool SerialQueue::Async(uint32_t tag, uint32_t flags, std::function<void()> bloc
   }
   bool startDrain = false;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     uint32_t state = state_.load(std::memory_order_relaxed);
     for (;;) {
       if (state & kClosed) return false;
@@ -217,14 +223,15 @@ void SerialQueue::DrainJob() noexcept {
 
 bool SerialQueue::DrainBatch() noexcept {
   for (int run = 0; run < kDrainBatch; ++run) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     WorkItem* next = head_;
     if (next == nullptr || next->kind == WorkItem::kSync) {
-      PassOwnershipLocked(lock);
+      // Neither is an asynchronous block: nothing to drain.
+      (void)PassOwnershipLocked();
       return false;
     }
     PopLocked();
-    lock.unlock();
+    lock.Unlock();
     RunAsyncItem(static_cast<AsyncItem*>(next));
   }
   return true;
@@ -282,13 +289,13 @@ std::error_code SerialQueue::Finish(unsigned waitSeconds, unsigned flags) {
   AsyncItem* dropped = nullptr;
   std::error_code result;
   {
-    std::unique_lock<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     state_.fetch_or(kClosed, std::memory_order_relaxed);
     if (flags & DispatchQueue::kFinishDiscardPending) dropped = TakePendingLocked();
     auto idle = [this] { return !(state_.load(std::memory_order_acquire) & kOwned); };
     if (calledFromQueue) {
       result = make_error_code(kOperationRefused);
-    } else if (!idle_.wait_for(lock, std::chrono::seconds(waitSeconds), idle)) {
+    } else if (!lock.WaitFor(idle_, std::chrono::seconds(waitSeconds), idle)) {
       result = make_error_code(kTimeout);
     }
   }

@@ -4,9 +4,9 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 
+#include "platform/support/Mutex.h"
 #include "qelss/platform/Dispatch.h"
 
 namespace QelSS::platform {
@@ -58,18 +58,20 @@ class SerialQueue final : public DispatchQueue::IQueue {
 
   bool SpinForTurn() noexcept;
   bool WaitForTurn(uint32_t tag, uint32_t flags);
-  void WaitAsQueuedItem(std::unique_lock<std::mutex>& lock, SyncWaiter& waiter);
+  void WaitAsQueuedItem(MutexLock& lock, SyncWaiter& waiter) QELSS_REQUIRES(mutex_);
   void RunOwned(uint32_t tag, uint32_t flags, QelSS::FunctionRef<void()> block);
   void ReleaseOwnership() noexcept;
-  void PassOwnershipLocked(std::unique_lock<std::mutex>& lock) noexcept;
-  void BecomeIdleLocked() noexcept;
+  // Hands the queue to the first waiting item. True when that item is an
+  // asynchronous block: the caller lets go of the mutex, then ScheduleDrain.
+  [[nodiscard]] bool PassOwnershipLocked() noexcept QELSS_REQUIRES(mutex_);
+  void BecomeIdleLocked() noexcept QELSS_REQUIRES(mutex_);
   void ScheduleDrain() noexcept;
   void DrainJob() noexcept;
   bool DrainBatch() noexcept;
   void RunAsyncItem(AsyncItem* item) noexcept;
-  void PushLocked(WorkItem* item) noexcept;
-  WorkItem* PopLocked() noexcept;
-  AsyncItem* TakePendingLocked() noexcept;
+  void PushLocked(WorkItem* item) noexcept QELSS_REQUIRES(mutex_);
+  WorkItem* PopLocked() noexcept QELSS_REQUIRES(mutex_);
+  AsyncItem* TakePendingLocked() noexcept QELSS_REQUIRES(mutex_);
   static void DeleteChain(AsyncItem* item) noexcept;
   [[noreturn]] void AbortReentrantSync(uint32_t tag, uint32_t flags) const;
 
@@ -77,11 +79,11 @@ class SerialQueue final : public DispatchQueue::IQueue {
   std::atomic<uint32_t> refs_{1};
   const std::string label_;
 
-  std::mutex mutex_;
+  Mutex mutex_;
   std::condition_variable idle_;  // Finish waits here for the queue to fall idle
-  // Protected by mutex_: the items waiting for the queue, oldest first.
-  WorkItem* head_ = nullptr;
-  WorkItem* tail_ = nullptr;
+  // The items waiting for the queue, oldest first.
+  WorkItem* head_ QELSS_GUARDED_BY(mutex_) = nullptr;
+  WorkItem* tail_ QELSS_GUARDED_BY(mutex_) = nullptr;
 };
 
 }  // namespace QelSS::platform

@@ -18,8 +18,8 @@ constexpr uint32_t kDeliveryTag = DispatchQueue::MakeTag("TIMR");
 // tick arithmetic far from overflow.
 constexpr uint64_t kMaxIntervalNs = uint64_t{1} << 60;
 
-constinit std::mutex gKickMutex;
-constinit AsioTimer* gKickTimer = nullptr;  // protected by gKickMutex; never freed
+constinit Mutex gKickMutex;
+constinit AsioTimer* gKickTimer QELSS_GUARDED_BY(gKickMutex) = nullptr;  // never freed
 
 }  // namespace
 
@@ -49,7 +49,7 @@ void TimerSource::ReleaseForUser() noexcept {
 }
 
 void TimerSource::SetTimer(dispatch_time_t start, uint64_t interval) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   if (cancelled_) return;
   DisarmLocked();
   tickWhileSuspended_ = false;
@@ -65,23 +65,23 @@ void TimerSource::SetTimer(dispatch_time_t start, uint64_t interval) {
 void TimerSource::SetEventHandler(std::function<void()> handler) {
   Handler replacement;
   if (handler) replacement = std::make_shared<const std::function<void()>>(std::move(handler));
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   if (!cancelled_) handler_.swap(replacement);
   // The old handler dies with `replacement` after the lock is gone.
 }
 
 void TimerSource::SetCancelHandler(std::function<void()> handler) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   if (!cancelled_) cancelHandler_.swap(handler);
 }
 
 void TimerSource::Suspend() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   if (++suspendCount_ == 1) DisarmLocked();
 }
 
 void TimerSource::Resume() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   if (suspendCount_ == 0) {
     DispatchFatal("timer source delivering on queue '" + target_->GetLabel() +
                   "' resumed more often than suspended");
@@ -98,7 +98,7 @@ void TimerSource::Cancel() {
   Handler oldHandler;
   std::function<void()> cancelHandler;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     if (cancelled_) return;
     cancelled_ = true;
     DisarmLocked();
@@ -111,7 +111,7 @@ void TimerSource::Cancel() {
 }
 
 bool TimerSource::IsCancelled() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   return cancelled_;
 }
 
@@ -133,7 +133,7 @@ void TimerSource::DisarmLocked() {
 }
 
 void TimerSource::OnExpiry(const std::error_code& error, uint64_t generation) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   // A wait that was re-aimed or cancelled may still complete without an error
   // when its expiry was already being handled; the generation tells.
   if (error || generation != generation_ || cancelled_) return;
@@ -175,7 +175,7 @@ void TimerSource::QueueDeliveryLocked() {
 void TimerSource::Deliver() {
   Handler handler;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     deliveryQueued_ = false;
     if (cancelled_) return;
     if (suspendCount_ > 0) {
@@ -188,7 +188,7 @@ void TimerSource::Deliver() {
 }
 
 void TimerSource::WakeTimersForTesting() {
-  std::lock_guard<std::mutex> lock(gKickMutex);
+  MutexLock lock(gKickMutex);
   if (gKickTimer == nullptr) gKickTimer = new AsioTimer(WorkerPool::Instance().Context());
   // asio re-reads its deadlines only when a new earliest one arrives. A wait
   // due before every other makes the pool wake and fire each timer whose

@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <system_error>
 
 #include "platform/dispatch/DispatchClock.h"
+#include "platform/support/Mutex.h"
 #include "qelss/platform/Dispatch.h"
 
 namespace QelSS::platform {
@@ -58,33 +58,32 @@ class TimerSource {
   void Retain() noexcept { refs_.fetch_add(1, std::memory_order_relaxed); }
   void Release() noexcept;
 
-  void ArmLocked();
-  void DisarmLocked();
+  void ArmLocked() QELSS_REQUIRES(mutex_);
+  void DisarmLocked() QELSS_REQUIRES(mutex_);
   void OnExpiry(const std::error_code& error, uint64_t generation);
-  void ScheduleNextTickLocked(DispatchClock::time_point now);
-  void QueueDeliveryLocked();
+  void ScheduleNextTickLocked(DispatchClock::time_point now) QELSS_REQUIRES(mutex_);
+  void QueueDeliveryLocked() QELSS_REQUIRES(mutex_);
   void Deliver();
 
   std::atomic<uint32_t> refs_{1};
   std::atomic<uint32_t> userRefs_{1};
   SerialQueue* const target_;  // retained
 
-  std::mutex mutex_;
-  // Protected by mutex_:
-  unsigned suspendCount_ = 1;
-  bool cancelled_ = false;
-  bool scheduled_ = false;           // a next tick exists
-  bool deliveryQueued_ = false;      // a delivery waits on the target queue
-  bool tickWhileSuspended_ = false;  // a tick fell due while suspended
-  DispatchClock::time_point start_{};
-  DispatchClock::time_point next_{};
-  DispatchClock::duration interval_{0};  // 0: one-shot
-  uint64_t generation_ = 0;              // bumped on disarm; older expiries are void
-  Handler handler_;
-  std::function<void()> cancelHandler_;
+  Mutex mutex_;
+  unsigned suspendCount_ QELSS_GUARDED_BY(mutex_) = 1;
+  bool cancelled_ QELSS_GUARDED_BY(mutex_) = false;
+  bool scheduled_ QELSS_GUARDED_BY(mutex_) = false;       // a next tick exists
+  bool deliveryQueued_ QELSS_GUARDED_BY(mutex_) = false;  // a delivery waits on the target queue
+  bool tickWhileSuspended_ QELSS_GUARDED_BY(mutex_) = false;  // a tick fell due while suspended
+  DispatchClock::time_point start_ QELSS_GUARDED_BY(mutex_){};
+  DispatchClock::time_point next_ QELSS_GUARDED_BY(mutex_){};
+  DispatchClock::duration interval_ QELSS_GUARDED_BY(mutex_){0};  // 0: one-shot
+  uint64_t generation_ QELSS_GUARDED_BY(mutex_) = 0;  // bumped on disarm; older expiries are void
+  Handler handler_ QELSS_GUARDED_BY(mutex_);
+  std::function<void()> cancelHandler_ QELSS_GUARDED_BY(mutex_);
   // The asio timer, made on the first arm so that a source that never runs
   // does not start the worker pool.
-  std::unique_ptr<Waiter> waiter_;
+  std::unique_ptr<Waiter> waiter_ QELSS_GUARDED_BY(mutex_);
 };
 
 }  // namespace QelSS::platform

@@ -37,7 +37,7 @@ WorkerPool& WorkerPool::Instance() {
 }
 
 WorkerPool::WorkerPool() : keepRunning_(asio::make_work_guard(context_)) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   const unsigned count = InitialSize();
   threads_.reserve(count);
   for (unsigned i = 0; i < count; ++i) StartThreadLocked();
@@ -53,7 +53,7 @@ void WorkerPool::StartThreadLocked() {
 }
 
 void WorkerPool::ThreadBlocks() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   if (++blocked_ < threads_.size() || threads_.size() >= kMaxThreads) return;
   try {
     StartThreadLocked();
@@ -63,7 +63,7 @@ void WorkerPool::ThreadBlocks() {
 }
 
 void WorkerPool::ThreadUnblocks() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   --blocked_;
 }
 

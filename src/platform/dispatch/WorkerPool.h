@@ -1,12 +1,13 @@
 #pragma once
 
-#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
+
+#include "platform/support/Mutex.h"
 
 namespace QelSS::platform {
 
@@ -53,16 +54,15 @@ class WorkerPool {
   WorkerPool();
   ~WorkerPool() = delete;
 
-  void StartThreadLocked();
+  void StartThreadLocked() QELSS_REQUIRES(mutex_);
   void ThreadBlocks();
   void ThreadUnblocks();
 
   asio::io_context context_;
   asio::executor_work_guard<asio::io_context::executor_type> keepRunning_;
-  std::mutex mutex_;
-  // Protected by mutex_:
-  std::vector<std::thread> threads_;
-  unsigned blocked_ = 0;
+  Mutex mutex_;
+  std::vector<std::thread> threads_ QELSS_GUARDED_BY(mutex_);
+  unsigned blocked_ QELSS_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace QelSS::platform
