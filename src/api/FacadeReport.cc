@@ -1,10 +1,9 @@
 #include "api/FacadeReport.h"
 
-#include "persistence/CaughtException.h"
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "qelss/platform/ErrorCode.h"
 #include "qelss/platform/QelException.h"
-#include "values/FailureReport.h"
 
 namespace QelSS {
 namespace {

@@ -9,7 +9,7 @@
 #include "configurations/Bundle.h"
 #include "configurations/ConfigurationsFolder.h"
 #include "configurations/ConfigurationsReport.h"
-#include "persistence/CaughtException.h"
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "qelss/platform/ErrorCode.h"
 #include "qelss/values/Exceptions.h"

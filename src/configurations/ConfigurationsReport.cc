@@ -1,6 +1,6 @@
 #include "configurations/ConfigurationsReport.h"
 
-#include "values/FailureReport.h"
+#include "platform/report/Failure.h"
 
 namespace QelSS {
 

@@ -6,10 +6,10 @@
 
 #include "api/FacadeReport.h"
 #include "configurations/ConfigurationsReport.h"
+#include "platform/report/Failure.h"
 #include "qelss/api/QSSDomain.h"
 #include "qelss/configurations/ConfigurationsDomain.h"
 #include "qelss/platform/ErrorCode.h"
-#include "values/FailureReport.h"
 
 namespace QelSS::Settings {
 namespace {

@@ -4,10 +4,10 @@
 
 #include "domain/DomainRoot.h"
 #include "domain/RecordKeys.h"
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "qelss/values/Exceptions.h"
 #include "qelss/values/NumberFactory.h"
-#include "values/FailureReport.h"
 #include "values/KeyPath.h"
 
 namespace QelSS {
@@ -89,20 +89,12 @@ std::error_code CommitEngine::CheckDomainName(const std::shared_ptr<IHash>& reco
 
 std::error_code CommitEngine::ReportInvalid(const char* message, std::error_code code,
                                             int64_t inCount, int64_t orgCount) const {
-  const char* domain = kQelSharedSettingsErrorDomain;
-  QelErrReportRef report =
-      QelErrReportingBeginFailureReport(1, kReportTag, "", "", kQelErrLocationCaller);
-  QelTrace("%s", message);
-  QelErrReportingAddStringFailure(report, "IsTransactionValid", domain, message);
-  QelTrace("IsTransactionValid failed (%d)", code.value());
   // Only records naming this domain get this far.
-  QelErrReportingAddStringErrorData(report, "DomainName", name_.c_str());
-  QelErrReportingAddIntFailure(report, "IsTransactionValid", domain, code.value());
-  QelErrReportingAddIntFailure(report, "inGCCount", domain, inCount);
-  QelErrReportingAddIntFailure(report, "orgGCCount", domain, orgCount);
-  QelErrReportingAddIntFailure(report, "IsRemoteDomain", domain, isRemote_ ? 1 : 0);
-  QelErrReportingEndFailureReport(report);
-  return code;
+  return ReportFailure(
+      FailureReport{kReportTag, "IsTransactionValid", kQelSharedSettingsErrorDomain, message,
+                    nullptr, name_.c_str()},
+      code,
+      {{"inGCCount", inCount}, {"orgGCCount", orgCount}, {"IsRemoteDomain", isRemote_ ? 1 : 0}});
 }
 
 std::error_code CommitEngine::IsTransactionValid(const std::shared_ptr<IHash>& record) {

@@ -4,10 +4,9 @@
 #include <utility>
 
 #include "domain/LocalDomainSetting.h"
-#include "persistence/CaughtException.h"
 #include "platform/crypto/SelfTest.h"
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
-#include "values/FailureReport.h"
 
 namespace QelSS {
 namespace {
@@ -36,12 +35,8 @@ std::error_code MakeLocal(const Configuration& configuration, const std::string&
 }
 
 void ReportIntegrityFailure(int code) {
-  QelErrReportRef report =
-      QelErrReportingBeginFailureReport(1, kReportTag, "", "", kQelErrLocationCaller);
-  QelErrReportingAddIntFailure(report, "ValidateExternalCaller",
-                               kQelErrDomainQelvarinTrustedComponents, code);
-  QelTrace("ValidateExternalCaller failed (%d)", code);
-  QelErrReportingEndFailureReport(report);
+  ReportCodeOnly(kReportTag, "ValidateExternalCaller", kQelErrDomainQelvarinTrustedComponents,
+                 code);
 }
 
 }  // namespace

@@ -10,9 +10,9 @@
 #include "persistence/Storage.h"
 #include "platform/dispatch/DispatchClock.h"
 #include "platform/dispatch/WorkerPool.h"
+#include "platform/report/Failure.h"
 #include "qelss/values/Exceptions.h"
 #include "qelss/values/HashFactory.h"
-#include "values/FailureReport.h"
 
 namespace QelSS {
 namespace {

@@ -3,7 +3,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "persistence/CaughtException.h"
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "qelss/values/Exceptions.h"
 

@@ -5,8 +5,8 @@
 
 #include "domain/DomainRoot.h"
 #include "domain/RecordKeys.h"
-#include "persistence/CaughtException.h"
 #include "platform/dispatch/MakeQueue.h"
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "qelss/values/ArrayFactory.h"
 #include "qelss/values/Exceptions.h"

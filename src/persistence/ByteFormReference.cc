@@ -6,8 +6,8 @@
 
 #include "persistence/ByteFormNames.h"
 #include "persistence/ByteFormScalars.h"
-#include "persistence/CaughtException.h"
 #include "persistence/LibXml.h"
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "qelss/platform/ErrorCode.h"
 #include "qelss/values/ArrayFactory.h"

@@ -4,10 +4,10 @@
 
 #include "persistence/Envelope.h"
 #include "persistence/ReadBackCheck.h"
+#include "platform/report/Failure.h"
 #include "platform/support/ScopedFile.h"
 #include "qelss/platform/ErrorCode.h"
 #include "qelss/values/HashFactory.h"
-#include "values/FailureReport.h"
 
 namespace QelSS {
 namespace {

@@ -18,14 +18,13 @@
 #include <algorithm>
 #include <array>
 
-#include "persistence/CaughtException.h"
 #include "persistence/CryptoTables.h"
 #include "persistence/Key.h"
 #include "platform/crypto/Aes256Cbc.h"
 #include "platform/crypto/HmacSha256.h"
 #include "platform/crypto/SecureMemory.h"
+#include "platform/report/Failure.h"
 #include "qelss/platform/ErrorCode.h"
-#include "values/FailureReport.h"
 
 namespace QelSS {
 namespace {

@@ -8,10 +8,10 @@
 #include "platform/crypto/SecureMemory.h"
 #include "platform/crypto/SecureRandom.h"
 #include "platform/crypto/Sha256.h"
+#include "platform/report/Failure.h"
 #include "platform/support/Base64.h"
 #include "platform/support/ScopedFile.h"
 #include "qelss/platform/ErrorCode.h"
-#include "values/FailureReport.h"
 
 namespace QelSS {
 namespace {

@@ -3,13 +3,12 @@
 #include <cstdlib>
 #include <memory>
 
-#include "persistence/CaughtException.h"
 #include "persistence/HostKeyFile.h"
 #include "persistence/KeyDerivation.h"
 #include "platform/crypto/SecureMemory.h"
+#include "platform/report/Failure.h"
 #include "platform/support/SiloedPath.h"
 #include "qelss/platform/ErrorCode.h"
-#include "values/FailureReport.h"
 
 namespace QelSS {
 namespace {

@@ -3,8 +3,8 @@
 #include <libxml/tree.h>
 
 #include "persistence/ByteForm.h"
-#include "persistence/CaughtException.h"
 #include "persistence/LibXml.h"
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "qelss/platform/ErrorCode.h"
 

@@ -2,9 +2,9 @@
 
 #include <utility>
 
-#include "persistence/CaughtException.h"
 #include "persistence/DomainFile.h"
 #include "platform/dispatch/MakeQueue.h"
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "qelss/platform/ErrorCode.h"
 #include "qelss/values/Exceptions.h"

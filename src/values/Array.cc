@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "values/ContainerSupport.h"
 #include "values/ValueSupport.h"
@@ -360,7 +361,7 @@ std::error_code Array::Description(std::string& out, unsigned int indent) const 
     out = std::move(text);
     result = kSuccess;
   } catch (...) {
-    ReportCurrentException(kTag, "Description");
+    ReportCaughtException(1, kTag, "Description");
     result = kFailure;
   }
   return result;

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "values/ValueSupport.h"
 
@@ -53,7 +54,7 @@ std::error_code Data::Description(std::string& out, unsigned int indent) const {
   try {
     text = HexPairs(GetBytes(), GetLength());
   } catch (...) {
-    ReportCurrentException(kTag, "Description");
+    ReportCaughtException(1, kTag, "Description");
     return kFailure;
   }
   return DescribeText(text, indent, kTag, out);

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "platform/support/DateFormat.h"
 #include "values/ValueSupport.h"
@@ -77,7 +78,7 @@ std::error_code Date::Description(std::string& out, unsigned int indent) const {
   try {
     text = platform::FormatLongDateTime(FloorSeconds(xpc_date_get_value(object_.Get())));
   } catch (...) {
-    ReportCurrentException(kTag, "Description");
+    ReportCaughtException(1, kTag, "Description");
     return kFailure;
   }
   return DescribeText(text, indent, kTag, out);

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "qelss/values/StringFactory.h"
 #include "values/ContainerSupport.h"
@@ -331,7 +332,7 @@ std::error_code Hash::Description(std::string& out, unsigned int indent) const {
     out = std::move(text);
     result = kSuccess;
   } catch (...) {
-    ReportCurrentException(kTag, "Description");
+    ReportCaughtException(1, kTag, "Description");
     result = kFailure;
   }
   return result;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "platform/support/Uuid.h"
 #include "values/ValueSupport.h"
@@ -48,7 +49,7 @@ std::error_code UUID::Description(std::string& out, unsigned int indent) const {
   try {
     text = Text();
   } catch (...) {
-    ReportCurrentException(kTag, "Description");
+    ReportCaughtException(1, kTag, "Description");
     return kFailure;
   }
   return DescribeText(text, indent, kTag, out);
@@ -65,7 +66,7 @@ std::error_code UUID::GetString(std::string& out) const {
   try {
     out = Text();
   } catch (...) {
-    ReportCurrentException(kTag, "GetString");
+    ReportCaughtException(1, kTag, "GetString");
     return kFailure;
   }
   return kSuccess;

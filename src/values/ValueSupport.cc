@@ -4,26 +4,11 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "values/ByteFormCodec.h"
 
 namespace QelSS {
-
-void ReportCurrentException(uint32_t componentTag, const char* operation) noexcept {
-  // Rethrow to pick the reporter's overload by what was really caught.
-  try {
-    throw;
-  } catch (const std::logic_error& e) {
-    QelErrReportingReportCxxException(1, componentTag, "", operation, kQelErrLocationCaller, e);
-  } catch (const std::runtime_error& e) {
-    QelErrReportingReportCxxException(1, componentTag, "", operation, kQelErrLocationCaller, e);
-  } catch (const std::exception& e) {
-    QelErrReportingReportCxxException(1, componentTag, "", operation, kQelErrLocationCaller, e);
-  } catch (...) {
-    QelErrReportingReportCxxException(1, componentTag, "", operation, kQelErrLocationCaller,
-                                      std::current_exception());
-  }
-}
 
 std::error_code DescribeText(std::string_view text, unsigned int indent, uint32_t componentTag,
                              std::string& out) noexcept {
@@ -35,7 +20,7 @@ std::error_code DescribeText(std::string_view text, unsigned int indent, uint32_
     out = stream.str();
     result = kSuccess;
   } catch (...) {
-    ReportCurrentException(componentTag, "Description");
+    ReportCaughtException(1, componentTag, "Description");
   }
   return result;
 }
@@ -56,7 +41,7 @@ std::error_code SerializeValue(const IValue& value, uint32_t componentTag,
   } catch (const DataTypeException& exception) {
     result = exception.code();
   } catch (...) {
-    ReportCurrentException(componentTag, "Serialize");
+    ReportCaughtException(1, componentTag, "Serialize");
     result = kFailure;
   }
   return result;
@@ -72,7 +57,7 @@ std::error_code DeserializeValue(const std::vector<uint8_t>& bytes, uint32_t com
   } catch (const DataTypeException& exception) {
     result = exception.code();
   } catch (...) {
-    ReportCurrentException(componentTag, "CreateFromBytes");
+    ReportCaughtException(1, componentTag, "CreateFromBytes");
     result = kFailure;
   }
   return result;

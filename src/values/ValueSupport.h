@@ -32,10 +32,6 @@ std::error_code MakeValue(std::shared_ptr<Interface>& out, Args&&... args) noexc
   return result;
 }
 
-// Hands the exception being handled to the failure reporter with the value's
-// component tag. Call only from inside a catch block.
-void ReportCurrentException(uint32_t componentTag, const char* operation) noexcept;
-
 // `text` right-aligned in a field `indent` wider than itself, into `out`.
 // Exceptions are reported with `componentTag` and give kFailure, `out` untouched.
 std::error_code DescribeText(std::string_view text, unsigned int indent, uint32_t componentTag,

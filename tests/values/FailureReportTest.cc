@@ -4,8 +4,8 @@
 #include <cerrno>
 
 #include "platform/report/CaptureSink.h"
+#include "platform/report/Failure.h"
 #include "qelss/platform/ErrorCode.h"
-#include "values/FailureReport.h"
 
 namespace QelSS {
 namespace {
