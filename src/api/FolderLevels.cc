@@ -1,8 +1,7 @@
 #include "api/FolderLevels.h"
 
-#include <sys/stat.h>
-
 #include "platform/support/FilePermissions.h"
+#include "platform/support/FileSystem.h"
 #include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
@@ -10,14 +9,17 @@ namespace {
 
 constexpr const char* kDelimiters = "/ ";
 
+using platform::FileKind;
+
 bool IsDirectory(const std::string& path) {
-  struct stat info {};
-  return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+  return platform::IsKind(*platform::DefaultFileSystem(), path, FileKind::kDirectory);
 }
 
+// A level that cannot be looked at counts as present, so that it is not made.
 bool Exists(const std::string& path) {
-  struct stat info {};
-  return ::stat(path.c_str(), &info) == 0;
+  FileKind kind = FileKind::kMissing;
+  return platform::DefaultFileSystem()->KindOf(path, kind) != kSuccess ||
+         kind != FileKind::kMissing;
 }
 
 }  // namespace

@@ -1,54 +1,39 @@
 #include "configurations/BoundedFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <cstdint>
+#include <span>
 
-#include <cerrno>
-
+#include "platform/support/FileSystem.h"
+#include "platform/support/ScopedFile.h"
 #include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
-namespace {
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-}  // namespace
 
 std::error_code ReadBoundedFile(const std::string& path, size_t limit, std::string& contents) {
-  Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
-  if (file.get() < 0) {
-    return make_error_code(errno == ENOENT || errno == ENOTDIR ? kNotFound : kFileReadError);
-  }
-  struct stat info {};
-  if (::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode) ||
-      static_cast<size_t>(info.st_size) > limit) {
+  platform::IFileSystem& files = *platform::DefaultFileSystem();
+  platform::FileKind kind = platform::FileKind::kMissing;
+  if (files.KindOf(path, kind) != kSuccess) return make_error_code(kFileReadError);
+  if (kind == platform::FileKind::kMissing) return make_error_code(kNotFound);
+  uint64_t size = 0;
+  if (kind != platform::FileKind::kRegular || files.Stat(path, size) != kSuccess || size > limit) {
     return make_error_code(kFileReadError);
   }
+  int fd = -1;
+  if (files.Open(path, platform::OpenMode::kRead, fd) != kSuccess) {
+    return make_error_code(kFileReadError);
+  }
+  const platform::ScopedFile file(files, fd);
   // The size is checked again while reading: the file may grow meanwhile.
   std::string text;
-  char buffer[16384];
+  uint8_t buffer[16384];
   for (;;) {
-    const ssize_t n = ::read(file.get(), buffer, sizeof buffer);
-    if (n == 0) break;
-    if (n < 0) {
-      if (errno == EINTR) continue;
+    size_t count = 0;
+    if (files.Read(file.fd(), std::span<uint8_t>(buffer), count) != kSuccess) {
       return make_error_code(kFileReadError);
     }
-    if (text.size() + static_cast<size_t>(n) > limit) return make_error_code(kFileReadError);
-    text.append(buffer, static_cast<size_t>(n));
+    if (count == 0) break;
+    if (text.size() + count > limit) return make_error_code(kFileReadError);
+    text.append(reinterpret_cast<const char*>(buffer), count);
   }
   contents = std::move(text);
   return make_error_code(kSuccess);

@@ -1,11 +1,10 @@
 #include "configurations/Bundle.h"
 
-#include <sys/stat.h>
-
 #include "configurations/BundleSearchPath.h"
 #include "configurations/Languages.h"
 #include "configurations/PropertyListReader.h"
 #include "configurations/StringsTable.h"
+#include "platform/support/FileSystem.h"
 #include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
@@ -14,13 +13,11 @@ namespace {
 constexpr const char* kBundlesFolder = "/qelvarin/bundles/";
 
 bool IsDirectory(const std::string& path) {
-  struct stat info {};
-  return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+  return platform::IsKind(*platform::DefaultFileSystem(), path, platform::FileKind::kDirectory);
 }
 
 bool IsFile(const std::string& path) {
-  struct stat info {};
-  return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+  return platform::IsKind(*platform::DefaultFileSystem(), path, platform::FileKind::kRegular);
 }
 
 // Identifiers come from callers and from domain contents: they must name one

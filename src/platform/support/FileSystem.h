@@ -17,6 +17,8 @@
 #include <string>
 #include <system_error>
 
+#include "qelss/platform/ErrorCode.h"
+
 namespace QelSS::platform {
 
 enum class OpenMode {
@@ -26,6 +28,8 @@ enum class OpenMode {
 
 enum class SeekFrom { kStart, kEnd };
 
+enum class FileKind { kMissing, kRegular, kDirectory, kOther };
+
 class IFileSystem {
  public:
   virtual ~IFileSystem();
@@ -34,6 +38,9 @@ class IFileSystem {
   virtual bool Exists(const std::string& path) = 0;
   // The size in bytes of what is at `path`.
   [[nodiscard]] virtual std::error_code Stat(const std::string& path, uint64_t& size) = 0;
+  // What is at `path`, symbolic links followed. kMissing when nothing is, or
+  // a level on the way is not a folder; an error only when it cannot be told.
+  [[nodiscard]] virtual std::error_code KindOf(const std::string& path, FileKind& kind) = 0;
 
   // On success `fd` is a new descriptor (close-on-exec).
   [[nodiscard]] virtual std::error_code Open(const std::string& path, OpenMode mode, int& fd) = 0;
@@ -73,6 +80,12 @@ class IFileSystem {
   [[nodiscard]] virtual std::error_code LockFile(const std::string& path,
                                                  std::chrono::milliseconds wait, int& fd) = 0;
 };
+
+// True when `path` is of kind `wanted`; false when it is not or cannot be told.
+inline bool IsKind(IFileSystem& files, const std::string& path, FileKind wanted) {
+  FileKind kind = FileKind::kMissing;
+  return files.KindOf(path, kind) == kSuccess && kind == wanted;
+}
 
 // The process's POSIX implementation; shared, never null.
 std::shared_ptr<IFileSystem> DefaultFileSystem();

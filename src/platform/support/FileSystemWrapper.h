@@ -17,6 +17,9 @@ class FileSystemWrapper : public IFileSystem {
   std::error_code Stat(const std::string& path, uint64_t& size) override {
     return target_->Stat(path, size);
   }
+  std::error_code KindOf(const std::string& path, FileKind& kind) override {
+    return target_->KindOf(path, kind);
+  }
   std::error_code Open(const std::string& path, OpenMode mode, int& fd) override {
     return target_->Open(path, mode, fd);
   }

@@ -63,6 +63,19 @@ std::error_code PosixFileSystem::Stat(const std::string& path, uint64_t& size) {
   return make_error_code(kSuccess);
 }
 
+std::error_code PosixFileSystem::KindOf(const std::string& path, FileKind& kind) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) {
+    if (errno != ENOENT && errno != ENOTDIR) return Result(false);
+    kind = FileKind::kMissing;
+  } else if (S_ISREG(info.st_mode)) {
+    kind = FileKind::kRegular;
+  } else {
+    kind = S_ISDIR(info.st_mode) ? FileKind::kDirectory : FileKind::kOther;
+  }
+  return make_error_code(kSuccess);
+}
+
 // A directory opens, but reading it fails in ways (huge seek offsets) that would
 // pass for other faults, so it is refused here.
 std::error_code PosixFileSystem::Open(const std::string& path, OpenMode mode, int& fd) {

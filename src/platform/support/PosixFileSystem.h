@@ -9,6 +9,7 @@ class PosixFileSystem final : public IFileSystem {
  public:
   bool Exists(const std::string& path) override;
   std::error_code Stat(const std::string& path, uint64_t& size) override;
+  std::error_code KindOf(const std::string& path, FileKind& kind) override;
   std::error_code Open(const std::string& path, OpenMode mode, int& fd) override;
   std::error_code Seek(int fd, int64_t offset, SeekFrom from, uint64_t& position) override;
   std::error_code Read(int fd, std::span<uint8_t> buffer, size_t& count) override;
