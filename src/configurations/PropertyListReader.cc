@@ -1,8 +1,5 @@
 #include "configurations/PropertyListReader.h"
 
-#include <libxml/parser.h>
-#include <libxml/tree.h>
-
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -14,8 +11,8 @@
 #include <vector>
 
 #include "configurations/BoundedFile.h"
-#include "persistence/LibXml.h"
 #include "platform/support/Base64.h"
+#include "platform/xml/Xml.h"
 #include "qelss/platform/ErrorCode.h"
 
 namespace QelSS {
@@ -28,10 +25,6 @@ struct XpcRelease {
   void operator()(_xpc_object_s* object) const { xpc_release(object); }
 };
 using XpcHolder = std::unique_ptr<_xpc_object_s, XpcRelease>;
-
-struct DocumentFree {
-  void operator()(xmlDoc* document) const { xmlFreeDoc(document); }
-};
 
 bool Named(const xmlNode* node, const char* name) {
   return std::strcmp(reinterpret_cast<const char*>(node->name), name) == 0;
@@ -185,16 +178,14 @@ xpc_object_t ParseValue(const xmlNode* node, int depth) {
   return ParseScalar(node);
 }
 
-// No network, no entity substitution, no external document type; libxml2's
-// own limits on nesting and entity expansion stay in force (no huge mode).
-constexpr int kParseOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
-
 }  // namespace
 
 std::error_code ParsePropertyList(std::string_view text, xpc_object_t& out) {
   if (text.size() > kMaxDocument) return make_error_code(kInvalidData);
-  std::unique_ptr<xmlDoc, DocumentFree> document(byteform::ReadXmlQuietly(
-      text.data(), text.size(), "Configurations.plist", nullptr, kParseOptions));
+  // No entity substitution and no external document type: the defaults.
+  const platform::xml::XmlDocument document(
+      platform::xml::ReadXmlQuietly(text.data(), text.size(), "Configurations.plist", nullptr,
+                                    platform::xml::kQuietParseOptions));
   if (!document) return make_error_code(kInvalidData);
   const xmlNode* root = xmlDocGetRootElement(document.get());
   if (!root || root->ns || !Named(root, "plist")) return make_error_code(kInvalidData);

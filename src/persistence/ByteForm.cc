@@ -3,9 +3,9 @@
 #include "persistence/ByteFormReader.h"
 #include "persistence/ByteFormReference.h"
 #include "persistence/ByteFormWriter.h"
-#include "persistence/LibXml.h"
 #include "platform/report/Failure.h"
 #include "platform/report/Report.h"
+#include "platform/xml/Xml.h"
 #include "qelss/platform/ErrorCode.h"
 #include "values/ByteFormCodec.h"
 
@@ -38,8 +38,8 @@ std::error_code ReadByteForm(const std::vector<uint8_t>& bytes,
   std::error_code result = kFailure;
   try {
     if (std::error_code code = CheckInput(bytes); !Succeeded(code)) return code;
-    byteform::XmlDocument doc;
-    if (std::error_code code = byteform::ParseXml(bytes.data(), bytes.size(), doc);
+    platform::xml::XmlDocument doc;
+    if (std::error_code code = platform::xml::ParseXml(bytes.data(), bytes.size(), doc);
         !Succeeded(code)) {
       return code;
     }

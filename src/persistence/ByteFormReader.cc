@@ -12,10 +12,10 @@
 #include "persistence/ByteFormReference.h"
 #include "persistence/ByteFormScalars.h"
 #include "persistence/ByteFormWriter.h"
-#include "persistence/LibXml.h"
 #include "persistence/XmlEscape.h"
 #include "platform/report/Failure.h"
 #include "platform/report/Report.h"
+#include "platform/xml/Xml.h"
 #include "qelss/platform/ErrorCode.h"
 #include "qelss/values/ArrayFactory.h"
 #include "qelss/values/DateFactory.h"
@@ -67,7 +67,7 @@ size_t RewriteSize(const xmlNode* node, const xmlChar* attribute, const xmlChar*
 }
 
 std::error_code Parses(const std::vector<uint8_t>& bytes) {
-  return ParseXmlAccepts(bytes.data(), bytes.size());
+  return platform::xml::ParseXmlAccepts(bytes.data(), bytes.size());
 }
 
 bool IsContainer(const ValuePtr& value) {
@@ -185,8 +185,8 @@ class Walk {
   }
 
   std::error_code ReadScalarChild(const xmlNode* child, ValuePtr& out) {
-    XmlText attribute = FirstAttributeText(child);
-    XmlText content = NodeContent(child);
+    platform::xml::XmlText attribute = platform::xml::FirstAttributeText(child);
+    platform::xml::XmlText content = platform::xml::NodeContent(child);
     if (!content) return kSerializationError;
     if (child->properties != nullptr && !attribute) return kSerializationError;
     if (RewriteSize(child, attribute.get(), content.get()) >= kLargestSafeRewrite) {

@@ -34,7 +34,7 @@
 // the reference reader would take weeks, and the only place where the
 // walk does not give what it gives.
 
-#include <libxml/tree.h>
+#include "platform/xml/Xml.h"
 
 #include <memory>
 #include <system_error>

@@ -6,9 +6,9 @@
 
 #include "persistence/ByteFormNames.h"
 #include "persistence/ByteFormScalars.h"
-#include "persistence/LibXml.h"
 #include "platform/report/Failure.h"
 #include "platform/report/Report.h"
+#include "platform/xml/Xml.h"
 #include "qelss/platform/ErrorCode.h"
 #include "qelss/values/ArrayFactory.h"
 #include "qelss/values/HashFactory.h"
@@ -29,7 +29,7 @@ using ElementBody = std::function<std::error_code(xmlTextWriterPtr writer)>;
 // One element on its own writer and buffer: the body writes it, and its bytes
 // replace `out` when everything succeeded.
 std::error_code WriteElement(const ElementBody& body, std::vector<uint8_t>& out) {
-  XmlMemoryWriter memory;
+  platform::xml::XmlMemoryWriter memory;
   if (std::error_code code = memory.Open(); !Succeeded(code)) return code;
   if (std::error_code code = body(memory.writer()); !Succeeded(code)) return code;
   return memory.Finish(out);
@@ -274,8 +274,8 @@ std::error_code ReadElement(const xmlNode* node, std::shared_ptr<IValue>& out) {
 }
 
 std::error_code RewriteScalar(const xmlNode* node, std::vector<uint8_t>& out) {
-  XmlText attribute = FirstAttributeText(node);
-  XmlText content = NodeContent(node);
+  platform::xml::XmlText attribute = platform::xml::FirstAttributeText(node);
+  platform::xml::XmlText content = platform::xml::NodeContent(node);
   if (!content) return kSerializationError;
   return WriteElement(
       [&](xmlTextWriterPtr writer) -> std::error_code {
@@ -361,8 +361,9 @@ std::error_code ReadValueReference(const uint8_t* data, size_t size,
   std::error_code result = kFailure;
   try {
     if (data == nullptr || size == 0) return kInvalidArgument;
-    XmlDocument doc;
-    if (std::error_code code = ParseXml(data, size, doc); !Succeeded(code)) return code;
+    platform::xml::XmlDocument doc;
+    if (std::error_code code = platform::xml::ParseXml(data, size, doc); !Succeeded(code))
+      return code;
     const xmlNode* root = xmlDocGetRootElement(doc.get());
     if (root == nullptr) return kSerializationError;
     std::shared_ptr<IValue> value;

@@ -12,7 +12,7 @@
 // None of these throws: exceptions are reported under component tag "QSSH"
 // (severity 1) and give kFailure. Outputs are written only on success.
 
-#include <libxml/tree.h>
+#include "platform/xml/Xml.h"
 
 #include <cstdint>
 #include <memory>

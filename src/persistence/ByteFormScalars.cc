@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "persistence/LibXml.h"
 #include "platform/support/Base64.h"
 #include "platform/support/Uuid.h"
+#include "platform/xml/Xml.h"
 #include "qelss/platform/ErrorCode.h"
 #include "qelss/values/DataFactory.h"
 #include "qelss/values/DateFactory.h"
@@ -137,12 +137,12 @@ std::error_code ScalarFromText(uint32_t type, const char* attribute, const char*
 std::error_code ReadScalarElement(const xmlNode* node, uint32_t type,
                                   std::shared_ptr<IValue>& out) {
   if (type == kValueTypeNull) return ScalarFromText(type, nullptr, nullptr, out);
-  XmlText attribute;
+  platform::xml::XmlText attribute;
   if (type == kValueTypeNumber) {
-    attribute = FirstAttributeText(node);
+    attribute = platform::xml::FirstAttributeText(node);
     if (!attribute) return kFailure;
   }
-  XmlText content = NodeContent(node);
+  platform::xml::XmlText content = platform::xml::NodeContent(node);
   if (!content) return kSerializationError;
   return ScalarFromText(type, reinterpret_cast<const char*>(attribute.get()),
                         reinterpret_cast<const char*>(content.get()), out);

@@ -14,7 +14,7 @@
 // std::stoull, std::stoi, std::stod and std::stol (leading blanks and trailing
 // garbage allowed; no digits or out of range throws).
 
-#include <libxml/tree.h>
+#include "platform/xml/Xml.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,11 +1,9 @@
 #include "qelss/persistence/SerializationHelpers.h"
 
-#include <libxml/tree.h>
-
 #include "persistence/ByteForm.h"
-#include "persistence/LibXml.h"
 #include "platform/report/Failure.h"
 #include "platform/report/Report.h"
+#include "platform/xml/Xml.h"
 #include "qelss/platform/ErrorCode.h"
 
 namespace QelSS::serialization_helpers {
@@ -16,15 +14,15 @@ std::error_code FormatBytes(const std::vector<unsigned char>& input,
   try {
     if (input.empty()) return kInvalidArgument;
     if (input.size() > kMaxByteFormSize) return kSerializationError;
-    byteform::XmlDocument doc;
-    if (std::error_code code = byteform::ParseXml(input.data(), input.size(), doc);
+    platform::xml::XmlDocument doc;
+    if (std::error_code code = platform::xml::ParseXml(input.data(), input.size(), doc);
         !Succeeded(code)) {
       return code;
     }
     xmlChar* dumped = nullptr;
     int size = 0;
     xmlDocDumpFormatMemory(doc.get(), &dumped, &size, 1);
-    byteform::XmlText owned(dumped);
+    platform::xml::XmlText owned(dumped);
     if (!owned || size < 0) return kSerializationError;
     output.assign(owned.get(), owned.get() + size);
     result = kSuccess;

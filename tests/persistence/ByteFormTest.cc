@@ -8,8 +8,8 @@
 
 #include "ValueTreeSupport.h"
 #include "persistence/ByteForm.h"
-#include "persistence/LibXml.h"
 #include "platform/report/CaptureSink.h"
+#include "platform/xml/Xml.h"
 #include "qelss/persistence/SerializationHelpers.h"
 #include "qelss/platform/ErrorCode.h"
 
@@ -392,11 +392,12 @@ TEST(ParseXmlAccepts, AgreesWithAParseThatKeepsTheTree) {
            "<a><b>" + six + "</b><c>" + six + "</c></a>",    // taken
            "<a><b/>" + six + "&amp;" + five + "<c/></a>",    // refused
        }) {
-    byteform::XmlDocument kept;
+    platform::xml::XmlDocument kept;
     const std::error_code keeping =
-        byteform::ParseXml(reinterpret_cast<const uint8_t*>(text.data()), text.size(), kept);
-    EXPECT_EQ(byteform::ParseXmlAccepts(reinterpret_cast<const uint8_t*>(text.data()), text.size()),
-              keeping)
+        platform::xml::ParseXml(reinterpret_cast<const uint8_t*>(text.data()), text.size(), kept);
+    EXPECT_EQ(
+        platform::xml::ParseXmlAccepts(reinterpret_cast<const uint8_t*>(text.data()), text.size()),
+        keeping)
         << text.substr(0, 20) << " ... " << text.size();
   }
 }

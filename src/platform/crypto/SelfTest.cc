@@ -1,8 +1,5 @@
 #include "platform/crypto/SelfTest.h"
 
-#include <libxml/parser.h>
-#include <libxml/xmlversion.h>
-
 #include <array>
 #include <cstdint>
 #include <cstdlib>
@@ -15,6 +12,7 @@
 #include "platform/crypto/Pbkdf2.h"
 #include "platform/crypto/SecureMemory.h"
 #include "platform/crypto/Sha256.h"
+#include "platform/xml/Xml.h"
 
 namespace QelSS::platform::crypto {
 namespace {
@@ -92,17 +90,6 @@ bool CheckSha256() {
          Same(digest, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 
-// libxml2's own check prints to stderr on a mismatch, which a library must not
-// do; the same rule (same major version, run-time minor not older than the
-// headers) is applied first, and libxml2's check then only initialises it.
-bool CheckXmlLibrary() {
-  const int runtime = std::atoi(xmlParserVersion);
-  const int built = LIBXML_VERSION;
-  if (runtime / 10000 != built / 10000 || runtime / 100 < built / 100) return false;
-  xmlCheckVersion(LIBXML_VERSION);
-  return true;
-}
-
 }  // namespace
 
 SelfTestResult RunSelfTest() noexcept {
@@ -115,7 +102,7 @@ SelfTestResult RunSelfTest() noexcept {
       {CheckHmacSha256, SelfTestResult::kHmacSha256Failed},
       {CheckPbkdf2, SelfTestResult::kPbkdf2Failed},
       {CheckSha256, SelfTestResult::kSha256Failed},
-      {CheckXmlLibrary, SelfTestResult::kXmlLibraryFailed},
+      {xml::XmlLibraryMatches, SelfTestResult::kXmlLibraryFailed},
   };
   for (const Check& check : kChecks) {
     bool passed = false;

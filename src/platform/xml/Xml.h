@@ -1,8 +1,11 @@
 #pragma once
 
-// The few libxml2 services the byte form uses, with owners that free them on
-// every path and one parse policy for every byte form the library reads.
+// The library's one door to libxml2: no other folder includes its headers.
+// The few services the byte form and the property lists use, with owners that
+// free them on every path, and one parse policy for every document the
+// library reads.
 
+#include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <libxml/xmlwriter.h>
 
@@ -12,7 +15,16 @@
 #include <system_error>
 #include <vector>
 
-namespace QelSS::byteform {
+namespace QelSS::platform::xml {
+
+// No network, no error text on stderr (a library never prints); libxml2's own
+// limits on nesting and entity expansion stay in force (no huge mode).
+inline constexpr int kQuietParseOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+
+// Whether the libxml2 loaded at run time serves the headers the library was
+// built with (same major version, minor not older), learnt without libxml2's
+// own check printing to stderr; on a match it is then initialised.
+bool XmlLibraryMatches() noexcept;
 
 // Initialises libxml2 once per process; cheap after the first call. Every
 // function here calls it, so callers need not.
@@ -86,4 +98,4 @@ class XmlMemoryWriter {
   xmlTextWriterPtr writer_ = nullptr;
 };
 
-}  // namespace QelSS::byteform
+}  // namespace QelSS::platform::xml

@@ -1,25 +1,26 @@
-#include "persistence/LibXml.h"
+#include "platform/xml/Xml.h"
 
 #include <libxml/SAX2.h>
-#include <libxml/parser.h>
 #include <libxml/xmlerror.h>
+#include <libxml/xmlversion.h>
 
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
 
 #include "qelss/platform/ErrorCode.h"
 
-namespace QelSS::byteform {
+namespace QelSS::platform::xml {
 namespace {
 
 // XML_PARSE_NONET only matters if something would fetch a resource, which the
 // default options never do; it is there so that a later change cannot open the
-// network by accident. NOERROR and NOWARNING silence libxml2's stderr channel.
-constexpr int kParseOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+// network by accident.
+constexpr int kParseOptions = kQuietParseOptions;
 
 constexpr const char* kTextNodeLimitText = "huge text node";
 
@@ -77,6 +78,16 @@ void EndElementAndFree(void* context, const xmlChar* localName, const xmlChar* p
 }
 
 }  // namespace
+
+// libxml2's own check prints to stderr on a mismatch; the same rule is applied
+// first, so that its check then only initialises the library.
+bool XmlLibraryMatches() noexcept {
+  const int runtime = std::atoi(xmlParserVersion);
+  const int built = LIBXML_VERSION;
+  if (runtime / 10000 != built / 10000 || runtime / 100 < built / 100) return false;
+  xmlCheckVersion(LIBXML_VERSION);
+  return true;
+}
 
 void EnsureLibXml() noexcept {
   // xmlInitParser is not safe to enter from two threads at once the first time.
@@ -167,4 +178,4 @@ std::error_code XmlMemoryWriter::Finish(std::vector<uint8_t>& out) {
   return kSuccess;
 }
 
-}  // namespace QelSS::byteform
+}  // namespace QelSS::platform::xml
