@@ -15,7 +15,7 @@
 
 #include "qelss/values/IArray.h"
 #include "qelss/values/IHash.h"
-#include "values/ContainerTestSupport.h"
+#include "values/ValuesTestSupport.h"
 
 namespace QelSS {
 namespace {

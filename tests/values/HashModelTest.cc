@@ -14,7 +14,7 @@
 
 #include "qelss/values/IHash.h"
 #include "qelss/values/INumber.h"
-#include "values/ContainerTestSupport.h"
+#include "values/ValuesTestSupport.h"
 
 namespace QelSS {
 namespace {

@@ -1,7 +1,7 @@
 #pragma once
 
-// Building blocks for the hash and array tests: values made in one call, and
-// trees written as nested initializer lists.
+// Values made in one call, and trees written as nested initializer lists, for
+// every suite that needs a value to hand.
 
 #include <gtest/gtest.h>
 
@@ -14,24 +14,25 @@
 #include "qelss/values/HashFactory.h"
 #include "qelss/values/INumber.h"
 #include "qelss/values/IString.h"
-#include "qelss/values/NumberFactory.h"
+#include "qelss/values/IValueInternal.h"
 #include "qelss/values/StringFactory.h"
+#include "qelss/values/ValueHelper.h"
 
 namespace QelSS::testing {
 
 inline const std::error_code kOk = make_error_code(kSuccess);
 
-inline std::shared_ptr<IValue> Int(long long value) {
-  std::shared_ptr<INumber> number;
-  EXPECT_EQ(NumberFactory::Create(number, value), kOk);
-  return number;
+// The value ValueHelper makes of `in`: long long, unsigned long long, bool and
+// double make numbers, long a date, strings a string, byte vectors data.
+template <typename T>
+std::shared_ptr<IValue> V(const T& in) {
+  std::shared_ptr<IValue> value;
+  EXPECT_EQ(ValueHelper::Set(in, value), kOk);
+  return value;
 }
 
-inline std::shared_ptr<IValue> Text(const char* text) {
-  std::shared_ptr<IString> string;
-  EXPECT_EQ(StringFactory::Create(string, text), kOk);
-  return string;
-}
+inline std::shared_ptr<IValue> Int(long long value) { return V(value); }
+inline std::shared_ptr<IValue> Text(const std::string& text) { return V(text); }
 
 inline std::shared_ptr<IString> Key(const char* text) {
   std::shared_ptr<IString> string;
@@ -73,6 +74,16 @@ inline std::string Describe(const IValue& value, unsigned int indent = 0) {
   std::string text = "untouched";
   EXPECT_EQ(value.Description(text, indent), kOk);
   return text;
+}
+
+inline std::shared_ptr<IValue> CloneOf(const std::shared_ptr<IValue>& value) {
+  std::shared_ptr<IValue> clone;
+  EXPECT_EQ(value->Clone(clone), kOk);
+  return clone;
+}
+
+inline xpc_object_t PlatformObject(const std::shared_ptr<IValue>& value) {
+  return std::dynamic_pointer_cast<IValueInternal>(value)->GetXPCObject();
 }
 
 }  // namespace QelSS::testing
