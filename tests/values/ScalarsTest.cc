@@ -153,7 +153,8 @@ TEST(Scalars, ClonesAndPlatformCopiesAroundEveryRepresentationLimit) {
     ASSERT_EQ(value->CopyXPCObject(&copy), kOk);
     auto clone = CloneOf(value);
     EXPECT_NE(clone.get(), value.get());
-    EXPECT_EQ(typeid(*clone.get()), typeid(*value.get()));
+    const IValue &cloned = *clone, &original = *value;
+    EXPECT_EQ(typeid(cloned), typeid(original));
     EXPECT_TRUE(*clone == *value && *value == *clone) << Describe(*value);
     EXPECT_EQ(Describe(*clone, 1), Describe(*value, 1));
     // Immutable payloads are shared, not copied.
