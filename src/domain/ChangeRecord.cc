@@ -12,15 +12,12 @@ std::error_code ReadChangeRecord(const std::shared_ptr<IHash>& change,
                                  Constants::TransactionChangeType& type,
                                  std::shared_ptr<IValue>& value) {
   if (!change) return kInvalidArgument;
-  std::shared_ptr<IValue> found;
-  if (std::error_code read = DomainRoot::LookUp(*change, RecordKeys::kPath, found);
+  if (std::error_code read = DomainRoot::LookUpString(*change, RecordKeys::kPath, path);
       read != kSuccess) {
     return read;
   }
-  auto text = std::dynamic_pointer_cast<IString>(found);
-  if (!text) return kInvalidData;
-  path = std::move(text);
 
+  std::shared_ptr<IValue> found;
   if (std::error_code read = DomainRoot::LookUp(*change, RecordKeys::kChange, found);
       read != kSuccess) {
     return read;

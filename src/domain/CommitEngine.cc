@@ -71,13 +71,11 @@ std::error_code CommitEngine::CloneTree(std::shared_ptr<IHash>& copy) const {
 }
 
 std::error_code CommitEngine::CheckDomainName(const std::shared_ptr<IHash>& record) const {
-  std::shared_ptr<IValue> value;
-  if (std::error_code got = DomainRoot::LookUp(*record, RecordKeys::kDomainName, value);
+  std::shared_ptr<IString> text;
+  if (std::error_code got = DomainRoot::LookUpString(*record, RecordKeys::kDomainName, text);
       got != kSuccess) {
     return got;
   }
-  auto text = std::dynamic_pointer_cast<IString>(value);
-  if (!text) return kInvalidData;
   if (name_ != text->GetCString()) {
     // Another domain's record is malformed for this one, not a conflict.
     return ReportFailure(FailureReport{kReportTag, "DomainSettings", kQelSharedSettingsErrorDomain,

@@ -3,6 +3,7 @@
 #include "domain/RecordKeys.h"
 #include "qelss/values/HashFactory.h"
 #include "qelss/values/INumber.h"
+#include "qelss/values/IString.h"
 #include "qelss/values/NumberFactory.h"
 
 namespace QelSS::DomainRoot {
@@ -16,6 +17,15 @@ std::error_code LookUp(const IHash& hash, const char* key, std::shared_ptr<IValu
   }
   if (result != kSuccess) return result;
   value = std::move(found);
+  return kSuccess;
+}
+
+std::error_code LookUpString(const IHash& hash, const char* key, std::shared_ptr<IString>& text) {
+  std::shared_ptr<IValue> found;
+  if (std::error_code read = LookUp(hash, key, found); read != kSuccess) return read;
+  auto string = std::dynamic_pointer_cast<IString>(found);
+  if (!string) return kInvalidData;
+  text = std::move(string);
   return kSuccess;
 }
 

@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "qelss/values/IHash.h"
+#include "qelss/values/IString.h"
 
 namespace QelSS::DomainRoot {
 
@@ -35,5 +36,10 @@ namespace QelSS::DomainRoot {
 // than absence are returned.
 [[nodiscard]] std::error_code LookUp(const IHash& hash, const char* key,
                                      std::shared_ptr<IValue>& value);
+
+// The string under `key`: kInvalidData when absent or of another kind; `text`
+// is left alone on failure.
+[[nodiscard]] std::error_code LookUpString(const IHash& hash, const char* key,
+                                           std::shared_ptr<IString>& text);
 
 }  // namespace QelSS::DomainRoot
