@@ -62,6 +62,12 @@ CommitEngine::CommitEngine(std::string name, bool remote)
   if (rc != kSuccess) throw QelSharedSettingsException(rc, "DomainSettings: Failed to init");
 }
 
+int64_t CommitEngine::GenerationCount() const {
+  int64_t count = 0;
+  if (DomainRoot::GetGenerationCount(settings_, count) != kSuccess) return 0;
+  return count;
+}
+
 std::error_code CommitEngine::CloneRoot(std::shared_ptr<IHash>& copy) const {
   return Clone(settings_, copy);
 }

@@ -32,6 +32,11 @@ class CommitEngine {
   // The live settings tree, for reads; changed only through this class.
   const std::shared_ptr<IHash>& Tree() const noexcept { return tree_; }
 
+  // The live stored root (count and tree), for a reader that must not pay
+  // for a copy, such as a snapshot written on the owner's queue.
+  const std::shared_ptr<IHash>& Root() const noexcept { return settings_; }
+  // The stored generation count; 0 when it cannot be read.
+  int64_t GenerationCount() const;
   // Deep copies of the whole stored root, or of the settings tree alone.
   // kInvalidData when the copy is not a hash.
   [[nodiscard]] std::error_code CloneRoot(std::shared_ptr<IHash>& copy) const;

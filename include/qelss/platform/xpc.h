@@ -73,6 +73,10 @@ extern QELSS_EXPORT _xpc_object_s _xpc_error_connection_invalid;
 extern QELSS_EXPORT _xpc_object_s _xpc_error_connection_interrupted;
 #define XPC_ERROR_CONNECTION_INVALID (&_xpc_error_connection_invalid)
 #define XPC_ERROR_CONNECTION_INTERRUPTED (&_xpc_error_connection_interrupted)
+// The process is about to end: no connection sends it on Linux, but owners
+// act on it as on an invalid connection.
+extern QELSS_EXPORT _xpc_object_s _xpc_error_termination_imminent;
+#define XPC_ERROR_TERMINATION_IMMINENT (&_xpc_error_termination_imminent)
 // xpc_dictionary_get_string(error, XPC_ERROR_KEY_DESCRIPTION) gives an error's text.
 #define XPC_ERROR_KEY_DESCRIPTION "XPCErrorDescription"
 

@@ -22,6 +22,7 @@ const _xpc_type_s _xpc_type_error{"error", Kind::kError};
 
 constinit _xpc_object_s _xpc_error_connection_invalid{XPC_TYPE_ERROR, true};
 constinit _xpc_object_s _xpc_error_connection_interrupted{XPC_TYPE_ERROR, true};
+constinit _xpc_object_s _xpc_error_termination_imminent{XPC_TYPE_ERROR, true};
 
 namespace QelSS::xpc {
 namespace {
@@ -122,6 +123,7 @@ size_t HashDictionary(Dictionary& dictionary) noexcept {
 const char* ErrorDescription(xpc_object_t error) noexcept {
   if (error == XPC_ERROR_CONNECTION_INVALID) return "Connection invalid";
   if (error == XPC_ERROR_CONNECTION_INTERRUPTED) return "Connection interrupted";
+  if (error == XPC_ERROR_TERMINATION_IMMINENT) return "Termination imminent";
   return nullptr;
 }
 

@@ -1,0 +1,86 @@
+#pragma once
+
+// One domain that the service keeps: its state and rules (the library's
+// commit engine), its snapshot file and journal, and the connections that
+// follow it. Everything runs on the domain's own serial queue, so commits to
+// different domains never wait for each other.
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "Journal.h"
+#include "Session.h"
+#include "domain/CommitEngine.h"
+#include "qelss/platform/Dispatch.h"
+#include "qelss/values/IHash.h"
+
+namespace QelSS::service {
+
+struct StoreSettings {
+  std::string stateDir;  // holds "domains/" (snapshots) and "journals/"
+  SyncMode sync = SyncMode::kFull;
+  // A snapshot is written once a domain has had no commit for this long.
+  std::chrono::milliseconds quiet{10'000};
+};
+
+class ServedDomain : public std::enable_shared_from_this<ServedDomain> {
+ public:
+  // `name` is already validated and canonical. Throws when the queue cannot
+  // be made.
+  ServedDomain(std::string name, const StoreSettings& settings);
+  ~ServedDomain();
+  ServedDomain(const ServedDomain&) = delete;
+  ServedDomain& operator=(const ServedDomain&) = delete;
+
+  // Queues the command `command` (the "IPCCommand" dictionary, owned) of
+  // `session` for the domain queue and returns at once. `request` is the
+  // number to answer under, or kNoRequest.
+  void Handle(std::shared_ptr<Session> session, uint64_t request, xpc_object_t command);
+  // Writes a snapshot when the state is newer than the last one and empties
+  // the journal. Waits for the domain queue.
+  void SaveNow();
+
+ private:
+  struct Command;
+
+  // ---- On the domain queue.
+  void Run(const std::shared_ptr<Session>& session, uint64_t request, xpc_object_t command);
+  void Fetch(const std::shared_ptr<Session>& session, uint64_t request, bool create);
+  void Commit(const std::shared_ptr<Session>& session, uint64_t request, const Command& command,
+              xpc_object_t recordObject);
+  std::error_code EnsureLoaded(bool create);
+  std::error_code LoadExisting(bool snapshotExists);
+  std::error_code ReplayJournal();
+  std::error_code WriteSnapshot();
+  void Follow(const std::shared_ptr<Session>& session);
+  std::vector<std::shared_ptr<Session>> FollowersBut(const Session* committer);
+  void ScheduleSnapshot();
+  void SnapshotIfQuiet();
+
+  std::string SnapshotPath() const;
+  std::string JournalPath() const;
+
+  const std::string name_;
+  const StoreSettings settings_;
+  std::shared_ptr<DispatchQueue::IQueue> queue_;
+  // On the domain queue only.
+  std::unique_ptr<CommitEngine> engine_;
+  std::unique_ptr<Journal> journal_;
+  std::vector<std::weak_ptr<Session>> followers_;
+  bool dirty_ = false;
+  std::chrono::steady_clock::time_point lastCommit_;
+  dispatch_source_t snapshotTimer_ = nullptr;
+  bool timerArmed_ = false;
+};
+
+// Whether `name` may name a domain file: not empty, at most 200 bytes, no
+// "/", no "..", no control characters.
+bool IsValidDomainName(const std::string& name);
+// The name as every comparison and file name uses it: ASCII lower case.
+std::string CanonicalDomainName(std::string name);
+
+}  // namespace QelSS::service

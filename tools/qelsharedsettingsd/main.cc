@@ -1,0 +1,176 @@
+// qelsharedsettingsd: keeps shared settings domains for the processes that
+// open them remotely. A foreground daemon: logs to standard error (the
+// journal, under the service manager), never forks.
+
+#include <grp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <asio/io_context.hpp>
+#include <asio/local/stream_protocol.hpp>
+#include <asio/signal_set.hpp>
+
+#include "Log.h"
+#include "Service.h"
+#include "qelss/ipc/Connection.h"
+#include "qelss/platform/xpc_connection.h"
+
+namespace {
+
+using QelSS::service::Log;
+using Protocol = asio::local::stream_protocol;
+
+struct Options {
+  std::string socket;
+  std::string stateDir = "/var/lib/qelvarin/service";
+  std::string socketGroup = "qelvarin";
+  std::string socketMode = "0660";
+  std::string sync = "full";
+  std::string store = "local";
+  unsigned idleExit = 0;
+  unsigned quietSeconds = 10;
+};
+
+bool MakeFolder(const std::string& path, mode_t mode) {
+  std::error_code error;
+  std::filesystem::create_directories(path, error);
+  if (error) return false;
+  return ::chmod(path.c_str(), mode) == 0;
+}
+
+// True when a server answers on `path`: then it is not ours to take over.
+bool SomeoneListens(const std::string& path) {
+  asio::io_context io;
+  Protocol::socket probe(io);
+  std::error_code error;
+  probe.connect(Protocol::endpoint(path), error);
+  return !error;
+}
+
+std::optional<std::string> BindSocket(Protocol::acceptor& acceptor, const Options& options) {
+  const std::string path = options.socket.empty()
+                               ? QelSS::ServiceSocketPath(QelSS::ClientConnection::kServiceName)
+                               : options.socket;
+  if (path.size() >= sizeof(sockaddr_un{}.sun_path)) return "socket path too long: " + path;
+  struct group* group = ::getgrnam(options.socketGroup.c_str());
+  if (group == nullptr) return "socket group '" + options.socketGroup + "' does not exist";
+  mode_t mode = 0;
+  try {
+    mode = static_cast<mode_t>(std::stoul(options.socketMode, nullptr, 8));
+  } catch (const std::exception&) {
+    return "bad socket mode '" + options.socketMode + "'";
+  }
+  const std::string folder = std::filesystem::path(path).parent_path().string();
+  if (!std::filesystem::exists(folder)) {
+    if (!MakeFolder(folder, 0750) ||
+        ::chown(folder.c_str(), static_cast<uid_t>(-1), group->gr_gid) != 0) {
+      return "cannot make socket folder " + folder + ": " + std::strerror(errno);
+    }
+  }
+  if (SomeoneListens(path)) return "another service listens on " + path;
+  ::unlink(path.c_str());
+  std::error_code error;
+  acceptor.open(Protocol(), error);
+  if (!error) acceptor.bind(Protocol::endpoint(path), error);
+  if (!error) acceptor.listen(asio::socket_base::max_listen_connections, error);
+  if (error) return "cannot listen on " + path + ": " + error.message();
+  if (::chown(path.c_str(), static_cast<uid_t>(-1), group->gr_gid) != 0 ||
+      ::chmod(path.c_str(), mode) != 0) {
+    return "cannot set owner and mode of " + path + ": " + std::strerror(errno);
+  }
+  Log(LOG_INFO, "listening on %s", path.c_str());
+  return std::nullopt;
+}
+
+std::optional<std::string> TakeSocket(Protocol::acceptor& acceptor, const Options& options) {
+  const int handed = sd_listen_fds(1);
+  if (handed > 1)
+    return "expected one socket from the service manager, got " + std::to_string(handed);
+  if (handed == 1) {
+    std::error_code error;
+    acceptor.assign(Protocol(), SD_LISTEN_FDS_START, error);
+    if (error) return "cannot use the socket handed over: " + error.message();
+    Log(LOG_INFO, "serving the socket handed over by the service manager");
+    return std::nullopt;
+  }
+  return BindSocket(acceptor, options);
+}
+
+int Run(const Options& options) {
+  QelSS::service::StoreSettings settings;
+  settings.stateDir = options.stateDir;
+  settings.sync =
+      options.sync == "none" ? QelSS::service::SyncMode::kNone : QelSS::service::SyncMode::kFull;
+  settings.quiet = std::chrono::seconds(options.quietSeconds);
+  if (!MakeFolder(settings.stateDir + "/domains", 0700) ||
+      !MakeFolder(settings.stateDir + "/journals", 0700)) {
+    Log(LOG_ERR, "cannot make the state folder %s", settings.stateDir.c_str());
+    return 1;
+  }
+  asio::io_context io(1);
+  Protocol::acceptor acceptor(io);
+  if (auto failed = TakeSocket(acceptor, options)) {
+    Log(LOG_ERR, "%s", failed->c_str());
+    return 1;
+  }
+  QelSS::service::Service service(io, settings, std::chrono::seconds(options.idleExit));
+  asio::signal_set signals(io, SIGTERM, SIGINT);
+  signals.async_wait([&](const std::error_code& error, int signal) {
+    if (error) return;
+    Log(LOG_INFO, "signal %d: saving and exiting", signal);
+    io.stop();
+  });
+  ::signal(SIGPIPE, SIG_IGN);
+  service.Serve(acceptor);
+  sd_notify(0, "READY=1");
+  io.run();
+  sd_notify(0, "STOPPING=1");
+  std::error_code ignored;
+  acceptor.close(ignored);
+  service.SaveAll();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  CLI::App app("Keeps shared settings domains for the processes that open them remotely.",
+               "qelsharedsettingsd");
+  app.add_option("--socket", options.socket,
+                 "where to listen when the service manager hands over no socket");
+  app.add_option("--state-dir", options.stateDir, "domain snapshots and journals")
+      ->capture_default_str();
+  app.add_option("--socket-group", options.socketGroup, "group that may connect")
+      ->capture_default_str();
+  app.add_option("--socket-mode", options.socketMode, "mode of the socket (octal)")
+      ->capture_default_str();
+  app.add_option("--sync", options.sync,
+                 "when a commit is answered: full (on stable storage) or "
+                 "none (handed to the kernel)")
+      ->check(CLI::IsMember({"full", "none"}))
+      ->capture_default_str();
+  app.add_option("--store", options.store, "where domains live")
+      ->check(CLI::IsMember({"local"}))
+      ->capture_default_str();
+  app.add_option("--idle-exit", options.idleExit,
+                 "exit after this many seconds without a client (0: never)")
+      ->capture_default_str();
+  app.add_option("--snapshot-after", options.quietSeconds,
+                 "seconds without a commit before a domain's snapshot is written")
+      ->check(CLI::Range(1u, 86400u))
+      ->capture_default_str();
+  CLI11_PARSE(app, argc, argv);
+  return Run(options);
+}
