@@ -449,3 +449,109 @@ TEST_F(ServiceTest, StartsOnASocketHandedOverBySocketActivation) {
 
 }  // namespace
 }  // namespace QelSS
+
+namespace QelSS {
+namespace {
+
+// Lines "<i> <generation>" of a committer's output; a last line the kill cut
+// short is left out.
+std::vector<std::pair<long, long long>> AcknowledgedOf(const std::string& path) {
+  std::ifstream in(path);
+  std::vector<std::pair<long, long long>> lines;
+  std::string line;
+  while (std::getline(in, line)) {
+    if (in.eof()) break;  // no newline: cut short
+    long i = 0;
+    long long generation = 0;
+    if (std::sscanf(line.c_str(), "%ld %lld", &i, &generation) == 2) lines.emplace_back(i, generation);
+  }
+  return lines;
+}
+
+// The service is killed at random moments while clients commit; after each
+// restart every acknowledged commit must be there and no client may see a
+// count go back. QELSS_SOAK_KILLS sets the number of kills (the soak script
+// runs hundreds).
+TEST(ServiceKillTest, AcknowledgedCommitsSurviveKillsUnderLoad) {
+  const char* fromEnvironment = std::getenv("QELSS_SOAK_KILLS");
+  const int kills = fromEnvironment != nullptr ? std::atoi(fromEnvironment) : 5;
+  testing::ServiceProcess service({"--sync", "full"});
+  ASSERT_TRUE(service.Start());
+  const testing::ScopedTempDir outputs;
+  constexpr int kClients = 3;
+  std::vector<pid_t> committers;
+  for (int c = 0; c < kClients; ++c) {
+    const std::string name = "k" + std::to_string(c), output = outputs / name;
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      ::setenv("QELSS_RUNTIME_DIR", service.RuntimeDir().c_str(), 1);
+      ::execl(QELSS_COMMITTER_BINARY, QELSS_COMMITTER_BINARY, "soak", name.c_str(), "100000000",
+              output.c_str(), "3600", nullptr);
+      ::_exit(127);
+    }
+    committers.push_back(pid);
+  }
+  std::srand(static_cast<unsigned>(::getpid()));
+  for (int k = 0; k < kills; ++k) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20 + std::rand() % 130));
+    service.Kill();
+    ASSERT_TRUE(service.Start()) << "restart " << k;
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  for (pid_t pid : committers) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+  }
+  testing::ServiceClient reader;
+  std::shared_ptr<IHash> root;
+  ASSERT_EQ(reader.Fetch("soak", false, &root), kSuccess);
+  size_t acknowledged = 0;
+  for (int c = 0; c < kClients; ++c) {
+    const std::string name = "k" + std::to_string(c);
+    const auto lines = AcknowledgedOf(outputs / name);
+    EXPECT_FALSE(lines.empty()) << name << " got nothing done";
+    long long previous = -1;
+    for (const auto& [i, generation] : lines) {
+      EXPECT_EQ(IntIn(root, name + "-" + std::to_string(i)), i) << "lost: " << name << " " << i;
+      EXPECT_GT(generation, previous) << name << " saw the count go back at " << i;
+      previous = generation;
+    }
+    acknowledged += lines.size();
+  }
+  EXPECT_GE(GenerationOf(root), static_cast<int64_t>(acknowledged));
+}
+
+}  // namespace
+}  // namespace QelSS
+
+namespace QelSS {
+namespace {
+
+// The units as installed, with the service pointing at the binary just built:
+// the service manager must accept them without a single complaint.
+TEST(ServiceUnits, PassTheServiceManagersVerification) {
+  if (::access("/usr/bin/systemd-analyze", X_OK) != 0) GTEST_SKIP();
+  const testing::ScopedTempDir folder;
+  std::ifstream service(std::string(QELSS_UNIT_DIR) + "/qelsharedsettingsd.service");
+  std::ofstream copy(folder / "qelsharedsettingsd.service");
+  for (std::string line; std::getline(service, line);) {
+    if (line.rfind("ExecStart=", 0) == 0) {
+      line = "ExecStart=" QELSS_SERVICE_BINARY + line.substr(line.find(' '));
+    }
+    copy << line << "\n";
+  }
+  copy.close();
+  std::filesystem::copy_file(std::string(QELSS_UNIT_DIR) + "/qelsharedsettingsd.socket",
+                             folder / "qelsharedsettingsd.socket");
+  const std::string output = folder / "verify.txt";
+  const std::string command = "systemd-analyze verify --man=no " +
+                              (folder / "qelsharedsettingsd.socket") + " " +
+                              (folder / "qelsharedsettingsd.service") + " >" + output + " 2>&1";
+  EXPECT_EQ(std::system(command.c_str()), 0);
+  std::ifstream complaints(output);
+  const std::string text((std::istreambuf_iterator<char>(complaints)), {});
+  EXPECT_EQ(text, "");
+}
+
+}  // namespace
+}  // namespace QelSS
