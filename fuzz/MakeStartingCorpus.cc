@@ -13,6 +13,7 @@
 #include "FuzzSupport.h"
 #include "persistence/ByteForm.h"
 #include "persistence/Envelope.h"
+#include "platform/ipc/Frame.h"
 #include "qelss/values/ArrayFactory.h"
 #include "qelss/values/DataFactory.h"
 #include "qelss/values/DateFactory.h"
@@ -123,5 +124,15 @@ int main(int argc, char** argv) {
     Save(root / "decrypt", "envelope-" + std::to_string(i) + ".bin", envelope);
   }
   Save(root / "decrypt", "short.bin", Bytes(48, 0x42));
+
+  // Frames as a client sends them: a command carrying every kind, cut into
+  // chunks of 16 bytes (the first byte), then a second frame.
+  xpc_object_t message = nullptr;
+  Check(AllKinds()->CopyXPCObject(&message));
+  Bytes stream = {15};
+  Check(platform::ipc::EncodeFrame(1, message, stream));
+  Check(platform::ipc::EncodeFrame(0, message, stream));
+  xpc_release(message);
+  Save(root / "frame_reader", "two-frames.bin", stream);
   return 0;
 }

@@ -9,6 +9,7 @@ packages=(
   clang libclang-rt-14-dev clang-format
   libasio-dev libssl-dev libxml2-dev libsystemd-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+  systemd
 )
 
 missing=()

@@ -9,7 +9,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-targets=(hash_from_bytes format_bytes decrypt)
+targets=(hash_from_bytes format_bytes decrypt frame_reader)
 
 cmake --preset fuzz >/dev/null
 if [ "${1:-}" = "--remake-corpus" ]; then
@@ -33,7 +33,7 @@ for target in "${targets[@]}"; do
   # Byte forms larger than 16 KiB add nothing but time per run; 2 GiB is far
   # above what any input of that size may cost.
   dictionary=()
-  if [ "$target" != decrypt ]; then dictionary=(-dict=fuzz/byteform.dict); fi
+  case "$target" in hash_from_bytes | format_bytes) dictionary=(-dict=fuzz/byteform.dict) ;; esac
   build/fuzz/fuzz/fuzz_"$target" "$scratch/$target" "${dictionary[@]}" \
     -max_total_time="$seconds" -max_len=16384 -rss_limit_mb=2048 -timeout=30 \
     -artifact_prefix="$artifacts/$target-" -print_final_stats=1

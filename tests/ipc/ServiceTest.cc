@@ -91,9 +91,7 @@ class ServiceTest : public ::testing::Test {
     service_ = std::make_unique<ServiceProcess>(std::move(extra));
     ASSERT_TRUE(service_->Start()) << "service did not start";
   }
-  void Restart() {
-    ASSERT_TRUE(service_->Start()) << "service did not restart";
-  }
+  void Restart() { ASSERT_TRUE(service_->Start()) << "service did not restart"; }
   std::unique_ptr<ServiceProcess> service_;
 };
 
@@ -245,16 +243,17 @@ TEST_F(ServiceTest, AcknowledgedCommitsSurviveAKillAndATornJournalTail) {
     ServiceClient client;
     ASSERT_EQ(client.Fetch("durable", true, nullptr), kSuccess);
     for (int i = 0; i < 20; ++i) {
-      ASSERT_EQ(client.CommitRecord("durable", MakeRecord("durable", i, "k" + std::to_string(i),
-                                                          Int(i))),
-                kSuccess);
+      ASSERT_EQ(
+          client.CommitRecord("durable", MakeRecord("durable", i, "k" + std::to_string(i), Int(i))),
+          kSuccess);
     }
   }
   service_->Kill();
   // A record the crash cut short.
   const std::string journal = service_->StateDir() + "/journals/durable";
   ASSERT_GT(std::filesystem::file_size(journal), 0u);
-  std::ofstream(journal, std::ios::app | std::ios::binary) << std::string("\x40\x00\x00\x00junk", 8);
+  std::ofstream(journal, std::ios::app | std::ios::binary)
+      << std::string("\x40\x00\x00\x00junk", 8);
   Restart();
   ServiceClient client;
   std::shared_ptr<IHash> root;
@@ -463,7 +462,8 @@ std::vector<std::pair<long, long long>> AcknowledgedOf(const std::string& path) 
     if (in.eof()) break;  // no newline: cut short
     long i = 0;
     long long generation = 0;
-    if (std::sscanf(line.c_str(), "%ld %lld", &i, &generation) == 2) lines.emplace_back(i, generation);
+    if (std::sscanf(line.c_str(), "%ld %lld", &i, &generation) == 2)
+      lines.emplace_back(i, generation);
   }
   return lines;
 }

@@ -33,12 +33,12 @@ inline bool CanConnect(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
-  const bool connected =
-      ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  const bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
   ::close(fd);
   return connected;
 }
 
+#ifdef QELSS_SERVICE_BINARY
 // One service process. The runtime folder is also set as this process's
 // override, so that every ClientConnection made here reaches it.
 class ServiceProcess {
@@ -119,6 +119,8 @@ class ServiceProcess {
   std::vector<std::string> extra_;
   pid_t pid_ = -1;
 };
+
+#endif  // QELSS_SERVICE_BINARY
 
 // A client on its own ClientConnection; each call waits at most 10 s.
 class ServiceClient {

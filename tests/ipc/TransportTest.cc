@@ -68,9 +68,9 @@ TEST(WireForm, TheFormOfASmallDictionaryIsFixed) {
   xpc_dictionary_set_int64(d.Get(), "b", -2);
   xpc_dictionary_set_string(d.Get(), "a", "x");
   const std::vector<uint8_t> expected = {
-      0x0B, 2, 0, 0, 0,                                 // dictionary of two
-      1, 0, 0, 0, 'a', 0x06, 1, 0, 0, 0, 'x',           // "a": "x"
-      1, 0, 0, 0, 'b', 0x03, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};  // "b": -2
+      0x0B, 2, 0, 0, 0,                                       // dictionary of two
+      1,    0, 0, 0, 'a', 0x06, 1,    0,    0,    0,    'x',  // "a": "x"
+      1,    0, 0, 0, 'b', 0x03, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};  // "b": -2
   EXPECT_EQ(Wire(d.Get()), expected);
 }
 
