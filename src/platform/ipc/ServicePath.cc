@@ -9,14 +9,16 @@ namespace {
 
 constexpr const char* kDefaultRuntimeDirectory = "/run/qelvarin";
 
+// Never destroyed: destructors of static objects (a test's service, say) may
+// still set or read the folder while the process ends.
 std::mutex& OverrideMutex() {
-  static std::mutex mutex;
-  return mutex;
+  static auto* mutex = new std::mutex;
+  return *mutex;
 }
 
 std::string& Override() {
-  static std::string folder;
-  return folder;
+  static auto* folder = new std::string;
+  return *folder;
 }
 
 }  // namespace
