@@ -327,18 +327,7 @@ TEST_F(ServiceTest, ConcurrentClientProcessesHaveEveryCommitAppliedOnce) {
     }
     children.push_back(pid);
   }
-  for (pid_t pid : children) {
-    int status = 0;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(90);
-    while (::waitpid(pid, &status, WNOHANG) == 0 && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (::kill(pid, 0) == 0) {
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, &status, 0);
-    }
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+  for (pid_t pid : children) EXPECT_EQ(testing::WaitForChild(pid, std::chrono::seconds(90)), 0);
   std::shared_ptr<IHash> root;
   ASSERT_EQ(watcher.Fetch("busy", false, &root), kSuccess);
   EXPECT_EQ(GenerationOf(root), kClients * kEach);
@@ -433,16 +422,7 @@ TEST_F(ServiceTest, StartsOnASocketHandedOverBySocketActivation) {
     EXPECT_EQ(client.Fetch("activated", true, nullptr), kSuccess);
   }
   ::kill(pid, SIGTERM);
-  int status = 0;
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (::waitpid(pid, &status, WNOHANG) == 0 && std::chrono::steady_clock::now() < end) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  if (::kill(pid, 0) == 0) {
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, &status, 0);
-  }
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(testing::WaitForChild(pid, std::chrono::seconds(20)), 0);
   EXPECT_TRUE(std::filesystem::exists(state / "state/domains/activated"));
 }
 
@@ -500,7 +480,7 @@ TEST(ServiceKillTest, AcknowledgedCommitsSurviveKillsUnderLoad) {
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   for (pid_t pid : committers) {
     ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
+    (void)testing::WaitForChild(pid, std::chrono::seconds(10));
   }
   testing::ServiceClient reader;
   std::shared_ptr<IHash> root;

@@ -38,6 +38,22 @@ inline bool CanConnect(const std::string& path) {
   return connected;
 }
 
+// Waits at most `limit` for the child `pid` to end, and kills it when it does
+// not. Its exit code; -1 when it had to be killed or a signal ended it.
+inline int WaitForChild(pid_t pid, std::chrono::seconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  int status = 0;
+  while (::waitpid(pid, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, &status, 0);
+      return -1;
+    }
+    std::this_thread::sleep_for(5ms);
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 #ifdef QELSS_SERVICE_BINARY
 // One service process. The runtime folder is also set as this process's
 // override, so that every ClientConnection made here reaches it.
@@ -100,19 +116,9 @@ class ServiceProcess {
   int End(int signal, std::chrono::seconds limit) {
     if (pid_ <= 0) return -1;
     ::kill(pid_, signal);
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    int status = 0;
-    while (::waitpid(pid_, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return -1;
-      }
-      std::this_thread::sleep_for(5ms);
-    }
+    const int code = WaitForChild(pid_, limit);
     pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return code;
   }
 
   ScopedTempDir folder_;
