@@ -202,9 +202,12 @@ void ServedDomain::Commit(const std::shared_ptr<Session>& session, uint64_t requ
       static_cast<long long>(generation), peer.uid, peer.pid, command.client.c_str());
   ScheduleSnapshot();
 
+  // The push is built only when someone will receive it.
+  std::vector<std::shared_ptr<Session>> followers = FollowersBut(session.get());
   std::shared_ptr<IHash> push;
   SharedFrame pushFrame;
-  if (DomainUtil::CreateCommand(name_, command.client, DomainUtil::kCommandCommit, command.create,
+  if (!followers.empty() &&
+      DomainUtil::CreateCommand(name_, command.client, DomainUtil::kCommandCommit, command.create,
                                 push) == kSuccess &&
       push->Set(RecordKeys::kTransaction, record) == kSuccess) {
     pushFrame = MessageFrame(platform::ipc::kNoRequest, "IPCCommand", push);
@@ -213,7 +216,7 @@ void ServedDomain::Commit(const std::shared_ptr<Session>& session, uint64_t requ
                           ? nullptr
                           : ResponseFrame(request, make_error_code(kSuccess));
   journal_->WhenDurable([session, reply, pushFrame, request,
-                         followers = FollowersBut(session.get())](std::error_code durable) {
+                         followers = std::move(followers)](std::error_code durable) {
     if (durable != kSuccess) {
       Answer(session, request, durable);
     } else if (reply != nullptr) {
