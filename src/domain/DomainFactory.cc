@@ -20,11 +20,17 @@ void Refuse(const IDomainFactory::OpenDone& done, std::error_code code) {
   done(none, code);
 }
 
-std::error_code MakeLocal(const Configuration& configuration, const std::string& name, bool create,
-                          std::shared_ptr<DomainSetting>& domain) {
+std::error_code MakeDomain(const Configuration& configuration, const std::string& name,
+                           const std::string& client, bool create,
+                           DomainFactory::RemoteMaker remote,
+                           std::shared_ptr<DomainSetting>& domain) {
   try {
-    domain = std::make_shared<LocalDomainSetting>(name, create, configuration);
-    return kSuccess;
+    if (configuration.local) {
+      domain = std::make_shared<LocalDomainSetting>(name, create, configuration);
+    } else {
+      domain = remote(name, create, client);
+    }
+    return domain ? make_error_code(kSuccess) : make_error_code(kFailure);
   } catch (const std::system_error& error) {
     ReportCaughtException(1, kReportTag, "OpenDomain");
     return error.code();
@@ -48,22 +54,23 @@ int IntegrityGate::Result() {
   return result_;
 }
 
-std::shared_ptr<IDomainFactory> FactoryBehind(IntegrityGate& gate) {
+std::shared_ptr<IDomainFactory> FactoryBehind(IntegrityGate& gate,
+                                              DomainFactory::RemoteMaker remote) {
   if (const int failed = gate.Result(); failed != 0) {
     ReportIntegrityFailure(failed);
     return nullptr;
   }
   try {
-    return std::make_shared<DomainFactory>();
+    return std::make_shared<DomainFactory>(remote);
   } catch (...) {
     return nullptr;
   }
 }
 
-std::shared_ptr<IDomainFactory> GetDomainFactory(IDomainFactory::_change_api_signature*) {
+IntegrityGate& LibraryIntegrityGate() {
   // Never destroyed, so that a call during exit still finds it.
   static constinit IntegrityGate gate(&RunLibrarySelfTest);
-  return FactoryBehind(gate);
+  return gate;
 }
 
 void DomainFactory::OpenDomain(const Configuration& configuration, const std::string& name,
@@ -74,15 +81,15 @@ void DomainFactory::OpenDomain(const Configuration& configuration, const std::st
   if (name.empty() || name.size() > kMaxDomainNameLength) {
     Refuse(done, make_error_code(kInvalidArgument));
   }
-  if (!configuration.local) {
-    (void)client;
+  if (!configuration.local && remote_ == nullptr) {
     Refuse(done, ReportFailure({kReportTag, "OpenDomain", kQelSharedSettingsErrorDomain,
                                 "The settings service is not available", nullptr, name.c_str()},
                                make_error_code(kConnectionError)));
     return;
   }
   std::shared_ptr<DomainSetting> domain;
-  if (std::error_code made = MakeLocal(configuration, name, create, domain); made != kSuccess) {
+  if (std::error_code made = MakeDomain(configuration, name, client, create, remote_, domain);
+      made != kSuccess) {
     Refuse(done, made);
     return;
   }

@@ -16,11 +16,20 @@ inline constexpr const char* kQelErrDomainQelvarinTrustedComponents =
 // Longest domain name that the factory accepts without a complaint, in bytes.
 inline constexpr size_t kMaxDomainNameLength = 230;
 
+class DomainSetting;
+
 class DomainFactory final : public IDomainFactory {
  public:
-  // Local domains are opened from their folder; remote ones would need the
-  // settings service, which this library cannot reach: they fail with
-  // kConnectionError.
+  // Makes a domain kept by the settings service; throws as a domain's
+  // constructor does. The domain engine cannot name that class itself: the
+  // messaging layer above it hands this in.
+  using RemoteMaker = std::shared_ptr<DomainSetting> (*)(const std::string& name, bool create,
+                                                         const std::string& client);
+
+  // Without `remote`, remote domains fail to open with kConnectionError.
+  explicit DomainFactory(RemoteMaker remote = nullptr) noexcept : remote_(remote) {}
+
+  // Local domains are opened from their folder, remote ones through `remote`.
   void OpenDomain(const Configuration& configuration, const std::string& name,
                   const std::string& client, OpenDone done, bool create) override;
 
@@ -28,6 +37,9 @@ class DomainFactory final : public IDomainFactory {
   // (kSuccess and `exists`), or why that cannot be told.
   [[nodiscard]] static std::error_code LocalDomainExists(const std::string& folder,
                                                          const std::string& name, bool& exists);
+
+ private:
+  const RemoteMaker remote_;
 };
 
 // A check that runs at most once, however many threads ask, and whose result is
@@ -49,9 +61,14 @@ class IntegrityGate {
   int result_ = 0;  // written once, under once_
 };
 
-// GetDomainFactory behind `gate`: a new factory when its check passed;
-// otherwise a failure report ("ValidateExternalCaller", the code under
+// GetDomainFactory behind `gate`: a new factory opening remote domains with
+// `remote` when its check passed; otherwise a failure report
+// ("ValidateExternalCaller", the code under
 // kQelErrDomainQelvarinTrustedComponents) and an empty pointer.
-std::shared_ptr<IDomainFactory> FactoryBehind(IntegrityGate& gate);
+std::shared_ptr<IDomainFactory> FactoryBehind(IntegrityGate& gate,
+                                              DomainFactory::RemoteMaker remote = nullptr);
+
+// The gate of the library's own integrity check, run once per process.
+IntegrityGate& LibraryIntegrityGate();
 
 }  // namespace QelSS

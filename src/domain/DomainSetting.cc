@@ -7,6 +7,7 @@
 #include "domain/ITransactionInternal.h"
 #include "domain/RecordKeys.h"
 #include "domain/Transaction.h"
+#include "domain/TreeDiff.h"
 #include "platform/dispatch/MakeQueue.h"
 #include "platform/dispatch/RunningFrame.h"
 #include "platform/dispatch/SerialQueue.h"
@@ -171,8 +172,30 @@ void DomainSetting::NotifyObserver(const std::shared_ptr<IArray>& changes) {
   Deliver(read);
 }
 
-void DomainSetting::Deliver(const std::vector<Change>& changes) {
+std::error_code DomainSetting::ReplaceSettings(std::shared_ptr<IHash> root, bool notify) {
+  const std::shared_ptr<IHash> before = Engine().Tree();
+  const std::error_code rc = Engine().ReplaceSettings(std::move(root));
+  if (rc != kSuccess || !notify) return rc;
+  // Comparing two large trees is wasted when no one listens.
   std::vector<ObserverList::Delivery> deliveries = observers_.Live();
+  if (deliveries.empty()) return rc;
+  std::vector<Change> changes;
+  if (DiffTrees(before, Engine().Tree(), changes) != kSuccess) {
+    ReportFailure({kReportTag, "ReplaceSettings", kQelSharedSettingsErrorDomain,
+                   "Failed to compare the replaced settings", nullptr, Name().c_str()},
+                  make_error_code(kFailure));
+    return rc;
+  }
+  if (!changes.empty()) Deliver(std::move(deliveries), changes);
+  return rc;
+}
+
+void DomainSetting::Deliver(const std::vector<Change>& changes) {
+  Deliver(observers_.Live(), changes);
+}
+
+void DomainSetting::Deliver(std::vector<ObserverList::Delivery> deliveries,
+                            const std::vector<Change>& changes) {
   if (deliveries.empty()) return;
   // A domain already being destroyed has no one left to hand to observers.
   std::shared_ptr<IDomainSetting> domain = weak_from_this().lock();

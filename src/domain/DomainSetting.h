@@ -119,8 +119,15 @@ class DomainSetting : public IDomainSetting,
   // observer. Nothing is posted when a change record cannot be read.
   void NotifyObserver(const std::shared_ptr<IArray>& changes);
 
+  // The engine's ReplaceSettings. With `notify`, the observers are then told
+  // the differences between the tree replaced and the new one, as one change
+  // list (none when the trees are equal), so that none of them misses a change
+  // that the replaced copy never saw.
+  [[nodiscard]] std::error_code ReplaceSettings(std::shared_ptr<IHash> root, bool notify);
+
  private:
   void Deliver(const std::vector<Change>& changes);
+  void Deliver(std::vector<ObserverList::Delivery> deliveries, const std::vector<Change>& changes);
 
   // Constant after construction.
   std::shared_ptr<DispatchQueue::IQueue> domainQueue_;

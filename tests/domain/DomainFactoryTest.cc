@@ -25,9 +25,11 @@ class DomainFactoryTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { testing::UsePrivateKeyFolder(); }
 
-  std::vector<Outcome> OpenDomain(const std::string& name, bool local = true, bool create = true) {
+  // Through `factory`, or the library's own when null.
+  std::vector<Outcome> OpenDomain(const std::string& name, bool local = true, bool create = true,
+                                  std::shared_ptr<IDomainFactory> factory = nullptr) {
     std::vector<Outcome> outcomes;
-    auto factory = GetDomainFactory(nullptr);
+    if (!factory) factory = GetDomainFactory(nullptr);
     EXPECT_TRUE(factory);
     if (!factory) return outcomes;
     factory->OpenDomain(
@@ -96,8 +98,9 @@ TEST_F(DomainFactoryTest, NamesThatAreNoFileNameAreRefused) {
   EXPECT_TRUE(std::filesystem::is_empty(folder_.path()));
 }
 
-TEST_F(DomainFactoryTest, RemoteDomainReportsTheMissingService) {
-  auto outcomes = OpenDomain("Alerts", false);
+TEST_F(DomainFactoryTest, AFactoryWithoutRemoteDomainsReportsTheMissingService) {
+  const auto engineOnly = std::make_shared<DomainFactory>();
+  auto outcomes = OpenDomain("Alerts", false, true, engineOnly);
   ASSERT_EQ(outcomes.size(), 1u);
   EXPECT_EQ(outcomes[0].code, make_error_code(kConnectionError));
   EXPECT_FALSE(outcomes[0].domain);
@@ -107,7 +110,7 @@ TEST_F(DomainFactoryTest, RemoteDomainReportsTheMissingService) {
   EXPECT_EQ(report->Data("DomainName"), "Alerts");
   EXPECT_TRUE(std::filesystem::is_empty(folder_.path()));
 
-  auto empty = OpenDomain("", false);
+  auto empty = OpenDomain("", false, true, engineOnly);
   ASSERT_EQ(empty.size(), 2u);
   EXPECT_EQ(empty[0].code, make_error_code(kInvalidArgument));
   EXPECT_EQ(empty[1].code, make_error_code(kConnectionError));

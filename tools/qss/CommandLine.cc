@@ -192,8 +192,12 @@ void AddDomainCommands(CLI::App& app, Arguments& a, Command& command, std::ostre
   CLI::App* watch = app.add_subcommand(
       "watch", "print the changes other clients make, until interrupted (needs --service)");
   watch->add_option("DOMAIN", a.domain, "domain name")->required();
-  watch->callback(
-      [&] { command = [&](const DomainOptions& o) { return RunWatch(o, a.domain, out); }; });
+  watch->add_option("PATH", a.path, "print only changes at or under this key path");
+  watch->callback([&] {
+    command = [&](const DomainOptions& o) {
+      return RunWatch(o, a.domain, a.path.value_or(""), out);
+    };
+  });
 }
 
 void AddConfigCommands(CLI::App& app, Arguments& a, Command& command, std::ostream& out) {

@@ -40,9 +40,37 @@ void WaitForStop() {
   }
 }
 
-void PrintChanges(std::mutex& lock, std::ostream& out, const IObserver::ChangeList& changes) {
+// `path` with its empty levels dropped: "/a//b/" is "a/b".
+std::string Levels(const std::string& path) {
+  std::string joined;
+  size_t start = 0;
+  while (start <= path.size()) {
+    size_t end = path.find('/', start);
+    if (end == std::string::npos) end = path.size();
+    if (end > start) {
+      if (!joined.empty()) joined += '/';
+      joined.append(path, start, end - start);
+    }
+    start = end + 1;
+  }
+  return joined;
+}
+
+// Whether one of the two paths (already in Levels form) is the other or lies
+// under it.
+bool Overlap(const std::string& a, const std::string& b) {
+  const std::string& shorter = a.size() <= b.size() ? a : b;
+  const std::string& longer = a.size() <= b.size() ? b : a;
+  if (shorter.empty()) return true;
+  return longer.compare(0, shorter.size(), shorter) == 0 &&
+         (longer.size() == shorter.size() || longer[shorter.size()] == '/');
+}
+
+void PrintChanges(std::mutex& lock, std::ostream& out, const std::string& watched,
+                  const IObserver::ChangeList& changes) {
   std::lock_guard<std::mutex> guard(lock);
   for (const auto& [path, type, value] : changes) {
+    if (!Overlap(watched, Levels(path))) continue;
     if (type == IObserver::Deleted || !value) {
       out << "deleted " << path << '\n';
       continue;
@@ -56,7 +84,8 @@ void PrintChanges(std::mutex& lock, std::ostream& out, const IObserver::ChangeLi
 
 }  // namespace
 
-Status RunWatch(const DomainOptions& options, const std::string& domain, std::ostream& out) {
+Status RunWatch(const DomainOptions& options, const std::string& domain, const std::string& path,
+                std::ostream& out) {
   if (!options.service) {
     return Status::Usage(
         "a local domain tells no one of its commits, so it cannot be watched",
@@ -74,8 +103,9 @@ Status RunWatch(const DomainOptions& options, const std::string& domain, std::os
   std::mutex lock;
   std::shared_ptr<SettingsObserver> observer;
   std::error_code added = SettingsObserver::Create(
-      [&](const std::shared_ptr<IDomainSetting>&, const IObserver::ChangeList& changes) {
-        PrintChanges(lock, out, changes);
+      [&, watched = Levels(path)](const std::shared_ptr<IDomainSetting>&,
+                                  const IObserver::ChangeList& changes) {
+        PrintChanges(lock, out, watched, changes);
       },
       observer);
   if (Succeeded(added)) added = session->facade().AddObserver(nullptr, observer);
