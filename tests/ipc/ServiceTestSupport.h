@@ -54,6 +54,19 @@ inline int WaitForChild(pid_t pid, std::chrono::seconds limit) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// Starts `args` (the program first) with QELSS_RUNTIME_DIR set to `runtime`;
+// its pid, or -1. Stop it with WaitForChild or kill.
+inline pid_t Spawn(std::vector<std::string> args, const std::string& runtime) {
+  const pid_t pid = ::fork();
+  if (pid != 0) return pid;
+  ::setenv("QELSS_RUNTIME_DIR", runtime.c_str(), 1);
+  std::vector<char*> argv;
+  for (auto& arg : args) argv.push_back(arg.data());
+  argv.push_back(nullptr);
+  ::execv(argv[0], argv.data());
+  ::_exit(127);
+}
+
 #ifdef QELSS_SERVICE_BINARY
 // One service process. The runtime folder is also set as this process's
 // override, so that every ClientConnection made here reaches it.
