@@ -50,6 +50,11 @@ IConnection::~IConnection() = default;
 
 Connection::Connection(xpc_connection_t connection) : connection_(connection) {}
 
+xpc_connection_t Connection::RetainLink() const {
+  std::lock_guard lock(linkMutex_);
+  return xpc_retain(connection_);
+}
+
 Connection::~Connection() { ShutDownConnection(); }
 
 std::error_code Connection::InitConnection() {
@@ -58,31 +63,39 @@ std::error_code Connection::InitConnection() {
       queue, DispatchQueue::kQueueTypeSerial, kQueueLabel, QOS_CLASS_USER_INTERACTIVE);
   if (made.value() != 0) return made;
   queue_ = std::move(queue);
-  xpc_connection_set_target_queue(connection_, queue_->GetDispatchQueue());
+  xpc_connection_t link = RetainLink();
+  if (link == nullptr) return make_error_code(kConnectionError);
+  xpc_connection_set_target_queue(link, queue_->GetDispatchQueue());
   // Weak: the service connection must not keep its owner alive.
   std::weak_ptr<Connection> weak = weak_from_this();
-  xpc_connection_set_event_handler(connection_, [weak](xpc_object_t event) {
+  xpc_connection_set_event_handler(link, [weak](xpc_object_t event) {
     if (auto self = weak.lock()) self->HandleEvent(event);
   });
-  xpc_connection_resume(connection_);
+  xpc_connection_resume(link);
   resumed_ = true;
+  xpc_release(link);
   return made;
 }
 
 void Connection::ShutDownConnection() {
-  if (connection_ == nullptr) return;
-  xpc_connection_set_event_handler(connection_, [](xpc_object_t) {});
+  xpc_connection_t link = nullptr;
+  {
+    // Sends on other threads either got the link before this or find none.
+    std::lock_guard lock(linkMutex_);
+    link = std::exchange(connection_, nullptr);
+  }
+  if (link == nullptr) return;
+  xpc_connection_set_event_handler(link, [](xpc_object_t) {});
   if (!resumed_) {
-    xpc_connection_resume(connection_);
+    xpc_connection_resume(link);
     resumed_ = true;
   }
-  xpc_connection_cancel(connection_);
+  xpc_connection_cancel(link);
   if (queue_ != nullptr) {
     // From a block on this queue the wait is refused at once: nothing to do.
     (void)queue_->Finish(kShutDownWaitSeconds, DispatchQueue::kFinishRunPending);
   }
-  xpc_release(connection_);
-  connection_ = nullptr;
+  xpc_release(link);
 }
 
 void Connection::HandleEvent(void* event) {
@@ -118,9 +131,11 @@ std::error_code Connection::BuildEnvelope(const std::shared_ptr<IHash>& message,
 std::error_code Connection::SendMessage(const std::shared_ptr<IHash>& message) {
   xpc_object_t envelope = nullptr;
   if (std::error_code built = BuildEnvelope(message, envelope); built != kSuccess) return built;
-  xpc_connection_send_message(connection_, envelope);
+  xpc_connection_t link = RetainLink();
+  if (link != nullptr) xpc_connection_send_message(link, envelope);
+  xpc_release(link);
   xpc_release(envelope);
-  return make_error_code(kSuccess);
+  return make_error_code(link != nullptr ? kSuccess : kConnectionError);
 }
 
 std::error_code Connection::SendMessageWithReply(const std::shared_ptr<IHash>& message,
@@ -128,12 +143,18 @@ std::error_code Connection::SendMessageWithReply(const std::shared_ptr<IHash>& m
   if (message == nullptr || !callback) return make_error_code(kInvalidArgument);
   xpc_object_t envelope = nullptr;
   if (std::error_code built = BuildEnvelope(message, envelope); built != kSuccess) return built;
+  xpc_connection_t link = RetainLink();
+  if (link == nullptr) {
+    xpc_release(envelope);
+    return make_error_code(kConnectionError);
+  }
   dispatch_queue_t replyQueue = queue_ != nullptr ? queue_->GetDispatchQueue() : nullptr;
-  xpc_connection_send_message_with_reply(connection_, envelope, replyQueue,
+  xpc_connection_send_message_with_reply(link, envelope, replyQueue,
                                          [callback = std::move(callback)](xpc_object_t reply) {
                                            auto [code, hash] = ReadReply(reply);
                                            callback(code, hash);
                                          });
+  xpc_release(link);
   xpc_release(envelope);
   return make_error_code(kSuccess);
 }
@@ -147,7 +168,14 @@ std::error_code Connection::RegisterInvalidationHandler(InvalidationHandler hand
 
 bool Connection::IsEqual(const std::shared_ptr<IConnection>& other) const {
   const auto* peer = dynamic_cast<const Connection*>(other.get());
-  return peer != nullptr && xpc_equal(connection_, peer->connection_);
+  if (peer == nullptr) return false;
+  if (peer == this) return true;
+  xpc_connection_t mine = RetainLink();
+  xpc_connection_t theirs = peer->RetainLink();
+  const bool equal = xpc_equal(mine, theirs);
+  xpc_release(mine);
+  xpc_release(theirs);
+  return equal;
 }
 
 ClientConnection::ClientConnection()

@@ -39,13 +39,15 @@ class QELSS_EXPORT IConnection {
   // One event of the service connection (an xpc_object_t).
   virtual void HandleEvent(void* event) = 0;
   // Sends `message` under "IPCCommand". kInvalidArgument for a null message;
-  // the conversion's code when the hash has no platform form.
+  // the conversion's code when the hash has no platform form; kConnectionError
+  // once the connection is shut down.
   [[nodiscard]] virtual std::error_code SendMessage(const std::shared_ptr<IHash>& message) = 0;
   // Sends `message` and later calls `callback` on the connection's queue with
   // kSuccess and the response hash, kConnectionError and null when the service
   // went away before answering, or kInvalidResponse and null for a reply
   // without "IPCResponse". kInvalidArgument for a null message or an empty
-  // callback; nothing is sent then.
+  // callback, kConnectionError once the connection is shut down; nothing is
+  // sent then and the callback is not called.
   [[nodiscard]] virtual std::error_code SendMessageWithReply(const std::shared_ptr<IHash>& message,
                                                              ReplyCallback callback) = 0;
   // The handler of pushed messages; an empty one stops their delivery.
@@ -75,11 +77,20 @@ class QELSS_EXPORT Connection : public IConnection,
  protected:
   // Takes over `connection` (owned, released by ShutDownConnection).
   explicit Connection(xpc_connection_t connection);
-  bool HasServiceConnection() const noexcept { return connection_ != nullptr; }
+  bool HasServiceConnection() const {
+    std::lock_guard lock(linkMutex_);
+    return connection_ != nullptr;
+  }
 
  private:
   std::error_code BuildEnvelope(const std::shared_ptr<IHash>& message, xpc_object_t& envelope);
+  // The service connection with a reference for the caller; null once shut
+  // down.
+  xpc_connection_t RetainLink() const;
 
+  // Guards connection_, which ShutDownConnection clears while other threads
+  // send.
+  mutable std::mutex linkMutex_;
   xpc_connection_t connection_;
   std::shared_ptr<DispatchQueue::IQueue> queue_;
   bool resumed_ = false;
