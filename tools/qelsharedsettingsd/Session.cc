@@ -52,6 +52,17 @@ void Session::ReadMore() {
                           });
 }
 
+// Writes what the socket takes now without waiting: the whole frame, or its
+// remainder as a new frame (null when all of it went). The frame itself when
+// nothing could be written, or the socket failed (the reader notices that).
+SharedFrame Session::WriteNowLocked(SharedFrame frame) {
+  const ssize_t written =
+      ::send(socket_.native_handle(), frame->data(), frame->size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  if (written <= 0) return frame;
+  if (static_cast<size_t>(written) == frame->size()) return nullptr;
+  return std::make_shared<const std::vector<uint8_t>>(frame->begin() + written, frame->end());
+}
+
 void Session::Send(SharedFrame frame) {
   bool startWrite = false;
   {
@@ -61,6 +72,12 @@ void Session::Send(SharedFrame frame) {
       lock.Unlock();
       Close();
       return;
+    }
+    // With nothing queued or being written, the frame goes out from this
+    // thread: a hop to the I/O thread costs more than the write itself.
+    if (!writing_) {
+      frame = WriteNowLocked(std::move(frame));
+      if (frame == nullptr) return;
     }
     queuedBytes_ += frame->size();
     queued_.push_back(std::move(frame));

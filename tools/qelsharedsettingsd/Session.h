@@ -57,6 +57,8 @@ class Session : public std::enable_shared_from_this<Session> {
   void ReadMore();
   void WriteMore();
   void CloseOnIoThread();
+  // ---- Any thread, under mutex_.
+  SharedFrame WriteNowLocked(SharedFrame frame) QELSS_REQUIRES(mutex_);
 
   asio::local::stream_protocol::socket socket_;
   const FrameHandler handler_;

@@ -4,6 +4,8 @@
 // run on dispatch queues, never on the strand, so a slow handler never holds
 // up the socket.
 
+#include <sys/socket.h>
+
 #include <array>
 #include <atomic>
 #include <map>
@@ -121,12 +123,27 @@ class Link : public std::enable_shared_from_this<Link> {
       pending_.emplace(request, PendingReply{replyQueue != nullptr ? QueueRef(replyQueue) : target_,
                                              std::move(reply)});
     }
-    outgoing_.insert(outgoing_.end(), frame.begin(), frame.end());
+    size_t written = 0;
+    // With nothing queued or being written, the frame goes out from this
+    // thread: a hop to the I/O thread costs more than the write itself.
+    if (state_ == State::kOpen && !writePosted_ && outgoing_.empty())
+      written = WriteNowLocked(frame);
+    if (written == frame.size()) return;
+    outgoing_.insert(outgoing_.end(), frame.begin() + static_cast<std::ptrdiff_t>(written),
+                     frame.end());
     if (state_ == State::kOpen) PostWriteLocked();
   }
 
  private:
   enum class State { kSuspended, kConnecting, kOpen, kEnded };
+
+  // What the socket takes of `frame` now, without waiting; 0 also when it
+  // failed (the reader notices that).
+  size_t WriteNowLocked(const std::vector<uint8_t>& frame) QELSS_REQUIRES(mutex_) {
+    const ssize_t written =
+        ::send(socket_.native_handle(), frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    return written > 0 ? static_cast<size_t>(written) : 0;
+  }
 
   void PostWriteLocked() QELSS_REQUIRES(mutex_) {
     if (writePosted_) return;
