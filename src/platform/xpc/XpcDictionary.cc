@@ -64,17 +64,23 @@ bool xpc_dictionary_set_value(xpc_object_t xdict, const char* key, xpc_object_t 
   xpc_object_t dropped = nullptr;
   {
     std::lock_guard lock(dictionary->mutex);
-    auto found = dictionary->entries.find(std::string_view(key));
+    auto& entries = dictionary->entries;
+    const std::string_view wanted(key);
+    // Dictionaries are mostly filled in key order (from a hash, from the
+    // wire): a key past the last one goes at the end after one comparison.
+    const bool last = entries.empty() || entries.rbegin()->first < wanted;
+    auto found = last ? entries.end() : entries.lower_bound(wanted);
+    const bool present = found != entries.end() && found->first == wanted;
     if (value == nullptr) {
-      if (found != dictionary->entries.end()) {
+      if (present) {
         dropped = found->second;
-        dictionary->entries.erase(found);
+        entries.erase(found);
       }
-    } else if (found != dictionary->entries.end()) {
+    } else if (present) {
       dropped = found->second;
       found->second = xpc_retain(value);
     } else {
-      dictionary->entries.emplace(key, xpc_retain(value));
+      entries.emplace_hint(found, key, xpc_retain(value));
     }
   }
   // Outside the lock: the last release of a container frees its whole subtree.
