@@ -282,6 +282,12 @@ TEST_F(RemoteDomainTest, ACopyReconnectsAfterTheServiceRestartsAndMissesNothing)
 // service (see RemoteClient.cc).
 class ConvergenceTest : public ::testing::Test {
  protected:
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // Ten instrumented processes on two cores: a shorter load, as many checks.
+  static constexpr std::chrono::seconds kLoad{2};
+#else
+  static constexpr std::chrono::seconds kLoad{4};
+#endif
   static constexpr int kCommitters = 8;
   static constexpr int kClients = kCommitters + 2;
 
@@ -346,7 +352,7 @@ class ConvergenceTest : public ::testing::Test {
 TEST_F(ConvergenceTest, EveryCopyEndsAsTheServiceWithEveryCommitAppliedOnce) {
   ServiceProcess service({"--sync", "none"});
   ASSERT_TRUE(service.Start());
-  const auto outcomes = Run(service, std::chrono::seconds(4), 0);
+  const auto outcomes = Run(service, kLoad, 0);
   long accepted = 0;
   for (const Outcome& outcome : outcomes) {
     accepted += outcome.accepted;
@@ -359,7 +365,7 @@ TEST_F(ConvergenceTest, EveryCopyEndsAsTheServiceWithEveryCommitAppliedOnce) {
 TEST_F(ConvergenceTest, CopiesConvergeAndKeepEveryAcknowledgedCommitThroughServiceKills) {
   ServiceProcess service;
   ASSERT_TRUE(service.Start());
-  const auto outcomes = Run(service, std::chrono::seconds(6), 3);
+  const auto outcomes = Run(service, kLoad + kLoad / 2, 3);
   long accepted = 0;
   for (const Outcome& outcome : outcomes) {
     accepted += outcome.accepted;
