@@ -9,8 +9,15 @@ const char* QelSharedSettingError::name() const noexcept { return "QelSharedSett
 std::string QelSharedSettingError::message(int) const { return "QelSharedSetting Message"; }
 
 const std::error_category& qelss_category() noexcept {
-  static const QelSharedSettingError category;
-  return category;
+  // Never destroyed: the worker pool runs on through exit, and the codes it
+  // makes and compares there must still reach their category.
+  union Immortal {
+    QelSharedSettingError category;
+    Immortal() : category() {}
+    ~Immortal() {}
+  };
+  static const Immortal immortal;
+  return immortal.category;
 }
 
 std::error_code make_error_code(ErrorCode code) noexcept {
