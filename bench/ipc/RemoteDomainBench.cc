@@ -23,6 +23,7 @@
 #include <memory>
 #include <mutex>
 
+#include "BenchService.h"
 #include "ipc/ServiceTestSupport.h"
 #include "platform/ScopedTempDir.h"
 #include "qelss/api/QSSDomain.h"
@@ -34,20 +35,7 @@ namespace {
 
 using testing::ServiceProcess;
 
-ServiceProcess& ServiceFor(bool full) {
-  static std::map<bool, std::unique_ptr<ServiceProcess>> services;
-  auto& service = services[full];
-  if (service == nullptr) {
-    // The runtime folder override is process-wide: one service at a time.
-    services.clear();
-    auto& fresh = services[full];
-    fresh = std::make_unique<ServiceProcess>(
-        std::vector<std::string>{"--sync", full ? "full" : "none"});
-    if (!fresh->Start()) std::abort();
-    return *fresh;
-  }
-  return *service;
-}
+using bench::ServiceFor;
 
 std::shared_ptr<QSSDomain> OpenRemote(const std::string& name) {
   std::shared_ptr<QSSDomain> domain;

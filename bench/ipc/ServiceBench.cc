@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 
+#include "BenchService.h"
 #include "domain/DomainRoot.h"
 #include "domain/DomainTestSupport.h"
 #include "domain/RecordKeys.h"
@@ -24,20 +25,7 @@ namespace {
 using testing::ServiceClient;
 using testing::ServiceProcess;
 
-ServiceProcess& ServiceFor(bool full) {
-  static std::map<bool, std::unique_ptr<ServiceProcess>> services;
-  auto& service = services[full];
-  if (service == nullptr) {
-    // The runtime folder override is process-wide: one service at a time.
-    services.clear();
-    auto& fresh = services[full];
-    fresh = std::make_unique<ServiceProcess>(
-        std::vector<std::string>{"--sync", full ? "full" : "none"});
-    if (!fresh->Start()) std::abort();
-    return *fresh;
-  }
-  return *service;
-}
+using bench::ServiceFor;
 
 int64_t GenerationOf(ServiceClient& client, const std::string& domain) {
   std::shared_ptr<IHash> root;

@@ -3,7 +3,7 @@
 //   qelss_test_remote_client commit DOMAIN (set PATH INT | delete PATH)...
 //     One transaction with these changes, in order. Exit 0 when accepted.
 //
-//   qelss_test_remote_client churn DOMAIN CLIENT SECONDS SEED DIR
+//   qelss_test_remote_client churn DOMAIN CLIENT SECONDS START DIR
 //     Opens DOMAIN, writes DIR/CLIENT.ready and waits for DIR/go. Commits
 //     random changes for SECONDS: deletions and writes of shared keys
 //     "shared/k<i>" that every client touches, and writes of its own keys
@@ -13,7 +13,7 @@
 //     last value the service acknowledged. Writes "ok <accepted commits>
 //     <generation>" or "fail <why>" to DIR/CLIENT.result.
 //
-//   qelss_test_remote_client watch DOMAIN CLIENT SECONDS SEED DIR
+//   qelss_test_remote_client watch DOMAIN CLIENT SECONDS START DIR
 //     The same without commits, and with an observer from the start: its
 //     change lists, replayed over the tree it started from, must give the
 //     service's tree. (A committing client's observers do not hear its own
@@ -75,11 +75,11 @@ int CommitOnce(const std::string& domainName, int argc, char** argv) {
 
 class Churn {
  public:
-  Churn(bool commits, std::string domain, std::string client, unsigned seed, std::string dir)
+  Churn(bool commits, std::string domain, std::string client, unsigned start, std::string dir)
       : commits_(commits),
         domainName_(std::move(domain)),
         client_(std::move(client)),
-        random_(seed),
+        random_(start),
         dir_(std::move(dir)) {}
 
   std::string Run(std::chrono::seconds duration) {
