@@ -157,15 +157,15 @@ void PushLatency(benchmark::State& state) {
 }
 BENCHMARK(PushLatency)->Arg(1)->Arg(10000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
-void SetCommit(benchmark::State& state) {
-  ServiceFor(state.range(0) != 0);
-  auto domain = OpenRemote("setcommit");
+// Times `step` once per iteration (false stops with `failure`) and reports
+// the percentiles.
+template <typename Step>
+void TimeEach(benchmark::State& state, const char* failure, Step&& step) {
   std::vector<double> seconds;
-  long long value = 0;
   for (auto _ : state) {
     const auto start = std::chrono::steady_clock::now();
-    if (!Succeeded(domain->SetCommit("/key0", ++value))) {
-      state.SkipWithError("commit failed");
+    if (!step()) {
+      state.SkipWithError(failure);
       break;
     }
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
@@ -173,6 +173,13 @@ void SetCommit(benchmark::State& state) {
     state.SetIterationTime(took.count());
   }
   ReportPercentiles(state, seconds);
+}
+
+void SetCommit(benchmark::State& state) {
+  ServiceFor(state.range(0) != 0);
+  auto domain = OpenRemote("setcommit");
+  long long value = 0;
+  TimeEach(state, "commit failed", [&] { return Succeeded(domain->SetCommit("/key0", ++value)); });
 }
 BENCHMARK(SetCommit)->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
@@ -199,20 +206,11 @@ void CreateToFirstGet(benchmark::State& state) {
   ServiceFor(false);
   const std::string name = "opened10000";
   Populate(*OpenRemote(name), 10000);
-  std::vector<double> seconds;
-  for (auto _ : state) {
-    const auto start = std::chrono::steady_clock::now();
+  TimeEach(state, "read failed", [&] {
     auto domain = OpenRemote(name);
     long long value = 0;
-    if (!Succeeded(domain->Get("/key9999", value)) || value != 9999) {
-      state.SkipWithError("read failed");
-      break;
-    }
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-    seconds.push_back(took.count());
-    state.SetIterationTime(took.count());
-  }
-  ReportPercentiles(state, seconds);
+    return Succeeded(domain->Get("/key9999", value)) && value == 9999;
+  });
 }
 BENCHMARK(CreateToFirstGet)->Arg(10000)->UseManualTime()->Unit(benchmark::kMillisecond);
 

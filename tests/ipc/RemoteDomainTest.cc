@@ -346,6 +346,17 @@ class ConvergenceTest : public ::testing::Test {
 
   void Touch(const std::string& name) { std::ofstream(dir_ / name) << ""; }
 
+  // The commits the clients saw accepted, once every copy is checked to end at
+  // the same generation.
+  static long AcceptedAtOneGeneration(const std::vector<Outcome>& outcomes) {
+    long accepted = 0;
+    for (const Outcome& outcome : outcomes) {
+      accepted += outcome.accepted;
+      EXPECT_EQ(outcome.generation, outcomes[0].generation);
+    }
+    return accepted;
+  }
+
   testing::ScopedTempDir dir_;
 };
 
@@ -353,11 +364,7 @@ TEST_F(ConvergenceTest, EveryCopyEndsAsTheServiceWithEveryCommitAppliedOnce) {
   ServiceProcess service({"--sync", "none"});
   ASSERT_TRUE(service.Start());
   const auto outcomes = Run(service, kLoad, 0);
-  long accepted = 0;
-  for (const Outcome& outcome : outcomes) {
-    accepted += outcome.accepted;
-    EXPECT_EQ(outcome.generation, outcomes[0].generation);
-  }
+  const long accepted = AcceptedAtOneGeneration(outcomes);
   EXPECT_GT(accepted, kCommitters);
   EXPECT_EQ(accepted, outcomes[0].generation);
 }
@@ -366,11 +373,7 @@ TEST_F(ConvergenceTest, CopiesConvergeAndKeepEveryAcknowledgedCommitThroughServi
   ServiceProcess service;
   ASSERT_TRUE(service.Start());
   const auto outcomes = Run(service, kLoad + kLoad / 2, 3);
-  long accepted = 0;
-  for (const Outcome& outcome : outcomes) {
-    accepted += outcome.accepted;
-    EXPECT_EQ(outcome.generation, outcomes[0].generation);
-  }
+  const long accepted = AcceptedAtOneGeneration(outcomes);
   EXPECT_GT(accepted, kCommitters);
   // Commits the service made durable but could not acknowledge before dying
   // count as well.
