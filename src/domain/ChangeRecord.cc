@@ -2,10 +2,48 @@
 
 #include "domain/DomainRoot.h"
 #include "domain/RecordKeys.h"
+#include "qelss/values/HashFactory.h"
 #include "qelss/values/INumber.h"
+#include "qelss/values/NumberFactory.h"
+#include "qelss/values/StringFactory.h"
 #include "values/KeyPath.h"
+#include "values/StorableText.h"
 
 namespace QelSS {
+
+std::error_code MakeChangeRecord(const std::string& path, Constants::TransactionChangeType type,
+                                 const std::shared_ptr<IValue>& value,
+                                 std::shared_ptr<IHash>& change) {
+  std::shared_ptr<IHash> made;
+  if (std::error_code created = HashFactory::Create(made); created != kSuccess) return created;
+  std::shared_ptr<IString> pathValue;
+  if (std::error_code created = StringFactory::Create(pathValue, path); created != kSuccess) {
+    return created;
+  }
+  if (std::error_code set = made->Set(RecordKeys::kPath, pathValue); set != kSuccess) return set;
+  std::shared_ptr<INumber> kind;
+  if (std::error_code created = NumberFactory::Create(kind, static_cast<long long>(type));
+      created != kSuccess) {
+    return created;
+  }
+  if (std::error_code set = made->Set(RecordKeys::kChange, kind); set != kSuccess) return set;
+  if (type == Constants::Set) {
+    if (std::error_code set = made->Set(RecordKeys::kNewValue, value); set != kSuccess) {
+      return set;
+    }
+  }
+  change = std::move(made);
+  return kSuccess;
+}
+
+// Below the file's top sit the root and the settings tree.
+std::error_code CheckStorablePath(const std::string& path, const std::shared_ptr<IValue>& value) {
+  const std::vector<std::string> components = KeyPath::Split(path);
+  for (const std::string& component : components) {
+    if (!IsStorableText(component)) return kInvalidArgument;
+  }
+  return CheckStorable(value, kMaxStorableDepth - 2 - static_cast<int>(components.size()));
+}
 
 std::error_code ReadChangeRecord(const std::shared_ptr<IHash>& change,
                                  std::shared_ptr<IString>& path,

@@ -40,6 +40,21 @@ struct Change {
   bool IsDeletion() const { return type == Constants::Delete; }
 };
 
+// A new change record of `type` at `path`, holding `value` when `type` is Set.
+// Only allocation can fail.
+[[nodiscard]] std::error_code MakeChangeRecord(const std::string& path,
+                                               Constants::TransactionChangeType type,
+                                               const std::shared_ptr<IValue>& value,
+                                               std::shared_ptr<IHash>& change);
+
+// Whether a domain can keep `value` at `path`: every component storable text,
+// and the value's nesting within what a domain file holds below that many
+// levels. kInvalidArgument otherwise. Refused when the change is made, where
+// the caller learns of it, rather than when the domain's file is written: a
+// file its reader refuses would lose the whole domain.
+[[nodiscard]] std::error_code CheckStorablePath(const std::string& path,
+                                                const std::shared_ptr<IValue>& value);
+
 // The change array of a transaction record. kInvalidData when `record` has no
 // Array under "NewValue"; kInvalidArgument for a null record.
 [[nodiscard]] std::error_code GetChangeArray(const std::shared_ptr<IHash>& record,

@@ -3,6 +3,7 @@
 #include <utility>
 #include <vector>
 
+#include "domain/ChangeRecord.h"
 #include "domain/DomainRoot.h"
 #include "domain/RecordKeys.h"
 #include "platform/dispatch/MakeQueue.h"
@@ -84,21 +85,6 @@ std::error_code Transaction::Delete(const std::string& path) {
   });
 }
 
-namespace {
-
-// Refused here, where the caller learns of it, rather than when the domain's
-// file is written: a file its reader refuses would lose the whole domain.
-// Below the file's top sit the root and the settings tree.
-std::error_code CheckStorablePath(const std::string& path, const std::shared_ptr<IValue>& value) {
-  const std::vector<std::string> components = KeyPath::Split(path);
-  for (const std::string& component : components) {
-    if (!IsStorableText(component)) return kInvalidArgument;
-  }
-  return CheckStorable(value, kMaxStorableDepth - 2 - static_cast<int>(components.size()));
-}
-
-}  // namespace
-
 std::error_code Transaction::Set(const std::string& path, const std::shared_ptr<IValue>& value) {
   if (path.empty() || !value) return kInvalidArgument;
   if (std::error_code storable = CheckStorablePath(path, value); storable != kSuccess) {
@@ -121,20 +107,8 @@ std::error_code Transaction::AppendChange(const std::string& path,
                                           Constants::TransactionChangeType type,
                                           const std::shared_ptr<IValue>& value) {
   std::shared_ptr<IHash> change;
-  if (std::error_code made = HashFactory::Create(change); made != kSuccess) return made;
-  std::shared_ptr<IString> pathValue;
-  if (std::error_code made = StringFactory::Create(pathValue, path); made != kSuccess) return made;
-  if (std::error_code set = change->Set(RecordKeys::kPath, pathValue); set != kSuccess) return set;
-  std::shared_ptr<INumber> kind;
-  if (std::error_code made = NumberFactory::Create(kind, static_cast<long long>(type));
-      made != kSuccess) {
+  if (std::error_code made = MakeChangeRecord(path, type, value, change); made != kSuccess) {
     return made;
-  }
-  if (std::error_code set = change->Set(RecordKeys::kChange, kind); set != kSuccess) return set;
-  if (type == Constants::Set) {
-    if (std::error_code set = change->Set(RecordKeys::kNewValue, value); set != kSuccess) {
-      return set;
-    }
   }
   return changes_->Append(change);
 }
