@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Lists every include that points up the subsystem order
 #   platform <- values <- persistence <- domain <- ipc <- api <- configurations
+#   <- predefine
 # (a file may include its own subsystem and those to its left). Prints the
 # offending lines and exits 1 when there are any.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-order=(platform values persistence domain ipc api configurations)
+order=(platform values persistence domain ipc api configurations predefine)
 rank() {
   local i
   for i in "${!order[@]}"; do [[ ${order[$i]} == "$1" ]] && { echo "$i"; return; }; done
