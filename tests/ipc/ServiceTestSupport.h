@@ -82,13 +82,16 @@ class ServiceProcess {
 
   std::string RuntimeDir() const { return folder_ / "run"; }
   std::string StateDir() const { return folder_ / "state"; }
+  // The service's XDG_DATA_HOME: its drop folder for predefined domains is
+  // under qelvarin/DomainSettings/Predefines.
+  std::string DataDir() const { return folder_ / "data"; }
   std::string SocketPath() const { return ServiceSocketPath(ClientConnection::kServiceName); }
   std::string LogPath() const { return folder_ / "service.log"; }
   pid_t Pid() const { return pid_; }
 
   // Starts the service and waits (at most 10 s) until it accepts connections.
   bool Start() {
-    const std::string data = folder_ / "data";
+    const std::string data = DataDir();
     pid_ = ::fork();
     if (pid_ == 0) {
       ::setenv("QELSS_RUNTIME_DIR", RuntimeDir().c_str(), 1);

@@ -1,12 +1,15 @@
 #include "ServedDomain.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
+#include <future>
 #include <stdexcept>
 
 #include "Log.h"
 #include "domain/RecordKeys.h"
+#include "domain/SetRecord.h"
 #include "persistence/DomainFile.h"
 #include "platform/dispatch/MakeQueue.h"
 #include "platform/ipc/Frame.h"
@@ -29,6 +32,8 @@ constexpr const char* kJournalClient = "Client";
 constexpr const char* kJournalUid = "PeerUid";
 constexpr const char* kJournalPid = "PeerPid";
 constexpr const char* kJournalRecord = "Record";
+// The client name of the service's own imports, in journal and pushes.
+constexpr const char* kImportClient = "com.qelvarin.predefine";
 
 XPCObject Owned(xpc_object_t object) { return XPCObject(object, false); }
 
@@ -64,6 +69,14 @@ void Answer(const std::shared_ptr<Session>& session, uint64_t request, std::erro
 }
 
 }  // namespace
+
+// Who asks for a commit: a client, or the service itself (no session).
+struct ServedDomain::Committer {
+  std::shared_ptr<Session> session;
+  std::string client;
+  PeerCredentials peer;
+  bool create = false;
+};
 
 struct ServedDomain::Command {
   int64_t code = -1;
@@ -168,64 +181,92 @@ void ServedDomain::Commit(const std::shared_ptr<Session>& session, uint64_t requ
     Answer(session, request, make_error_code(kInvalidCommand));
     return;
   }
-  if (std::error_code loaded = EnsureLoaded(command.create); loaded != kSuccess) {
-    Answer(session, request, loaded);
+  const Committer committer{session, command.client, session->Peer(), command.create};
+  Apply(record, recordObject, committer,
+        [session, request](std::error_code code) { Answer(session, request, code); });
+}
+
+void ServedDomain::Apply(const std::shared_ptr<IHash>& record, xpc_object_t recordObject,
+                         const Committer& committer, std::function<void(std::error_code)> done) {
+  if (std::error_code loaded = EnsureLoaded(committer.create); loaded != kSuccess) {
+    done(loaded);
     return;
   }
   if (std::error_code valid = engine_->IsTransactionValid(record); valid != kSuccess) {
-    Answer(session, request, valid);
+    done(valid);
     return;
   }
   const int64_t generation = engine_->GenerationCount() + 1;
-  const PeerCredentials peer = session->Peer();
+  const PeerCredentials& peer = committer.peer;
   // Written before the state changes: replay applies exactly what was applied.
   XPCObject entry = Owned(xpc_dictionary_create(nullptr, nullptr, 0));
   xpc_dictionary_set_int64(entry.Get(), kJournalGeneration, generation);
-  xpc_dictionary_set_string(entry.Get(), kJournalClient, command.client.c_str());
   xpc_dictionary_set_int64(entry.Get(), kJournalUid, peer.uid);
   xpc_dictionary_set_int64(entry.Get(), kJournalPid, peer.pid);
+  xpc_dictionary_set_string(entry.Get(), kJournalClient, committer.client.c_str());
   xpc_dictionary_set_value(entry.Get(), kJournalRecord, recordObject);
   std::vector<uint8_t> payload;
   std::error_code stored = xpc::EncodeWire(entry.Get(), payload);
   if (stored == kSuccess) stored = journal_->Append(payload);
   if (stored != kSuccess) {
     Log(LOG_ERR, "domain %s: journal append failed (%d)", name_.c_str(), stored.value());
-    Answer(session, request, make_error_code(kFileWriteError));
+    done(make_error_code(kFileWriteError));
     return;
   }
   std::vector<Change> applied;
-  if (std::error_code done = engine_->ApplyTransaction(record, applied); done != kSuccess) {
-    Answer(session, request, done);
+  if (std::error_code changed = engine_->ApplyTransaction(record, applied); changed != kSuccess) {
+    done(changed);
     return;
   }
   Log(LOG_INFO, "domain %s: generation %lld by uid %u pid %d client %s", name_.c_str(),
-      static_cast<long long>(generation), peer.uid, peer.pid, command.client.c_str());
+      static_cast<long long>(generation), peer.uid, peer.pid, committer.client.c_str());
   ScheduleSnapshot();
 
   // The push is built only when someone will receive it.
-  std::vector<std::shared_ptr<Session>> followers = FollowersBut(session.get());
+  std::vector<std::shared_ptr<Session>> followers = FollowersBut(committer.session.get());
   std::shared_ptr<IHash> push;
   SharedFrame pushFrame;
   if (!followers.empty() &&
-      DomainUtil::CreateCommand(name_, command.client, DomainUtil::kCommandCommit, command.create,
-                                push) == kSuccess &&
+      DomainUtil::CreateCommand(name_, committer.client, DomainUtil::kCommandCommit,
+                                committer.create, push) == kSuccess &&
       push->Set(RecordKeys::kTransaction, record) == kSuccess) {
     pushFrame = MessageFrame(platform::ipc::kNoRequest, "IPCCommand", push);
   }
-  SharedFrame reply = request == platform::ipc::kNoRequest
-                          ? nullptr
-                          : ResponseFrame(request, make_error_code(kSuccess));
-  journal_->WhenDurable([session, reply, pushFrame, request,
+  journal_->WhenDurable([done = std::move(done), pushFrame,
                          followers = std::move(followers)](std::error_code durable) {
-    if (durable != kSuccess) {
-      Answer(session, request, durable);
-    } else if (reply != nullptr) {
-      session->Send(reply);
-    }
+    done(durable);
     // The state has the change whatever the disk said: followers must see it.
     if (pushFrame == nullptr) return;
     for (const auto& follower : followers) follower->Send(pushFrame);
   });
+}
+
+std::error_code ServedDomain::Import(
+    const std::vector<std::pair<std::string, std::shared_ptr<IValue>>>& values,
+    std::chrono::milliseconds limit) {
+  auto outcome = std::make_shared<std::promise<std::error_code>>();
+  std::future<std::error_code> result = outcome->get_future();
+  queue_->Async(kQueueTag, DispatchQueue::kRunChangesState,
+                [self = shared_from_this(), values, outcome] {
+                  if (std::error_code loaded = self->EnsureLoaded(true); loaded != kSuccess) {
+                    outcome->set_value(loaded);
+                    return;
+                  }
+                  std::shared_ptr<IHash> record;
+                  xpc_object_t object = nullptr;
+                  std::error_code made = MakeSetRecord(*self->engine_, values, record);
+                  if (made == kSuccess && record != nullptr) made = record->CopyXPCObject(&object);
+                  if (made != kSuccess || record == nullptr) {
+                    outcome->set_value(made);
+                    return;
+                  }
+                  const Committer importer{nullptr, kImportClient, {::geteuid(), ::getpid()}, true};
+                  self->Apply(record, object, importer,
+                              [outcome](std::error_code code) { outcome->set_value(code); });
+                  xpc_release(object);
+                });
+  if (result.wait_for(limit) != std::future_status::ready) return kTimeout;
+  return result.get();
 }
 
 void ServedDomain::Follow(const std::shared_ptr<Session>& session) {

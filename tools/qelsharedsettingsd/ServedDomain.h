@@ -7,9 +7,11 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "Journal.h"
@@ -40,18 +42,31 @@ class ServedDomain : public std::enable_shared_from_this<ServedDomain> {
   // `session` for the domain queue and returns at once. `request` is the
   // number to answer under, or kNoRequest.
   void Handle(std::shared_ptr<Session> session, uint64_t request, xpc_object_t command);
+  // Sets each value at its key path in one commit, as a client's transaction
+  // would (creating the domain when missing), journalled as the service's own
+  // and pushed to every follower. Waits at most `limit` for it to be durable
+  // (kTimeout). kSuccess without a commit when every value is already there.
+  [[nodiscard]] std::error_code Import(
+      const std::vector<std::pair<std::string, std::shared_ptr<IValue>>>& values,
+      std::chrono::milliseconds limit);
   // Writes a snapshot when the state is newer than the last one and empties
   // the journal. Waits for the domain queue.
   void SaveNow();
 
  private:
   struct Command;
+  struct Committer;
 
   // ---- On the domain queue.
   void Run(const std::shared_ptr<Session>& session, uint64_t request, xpc_object_t command);
   void Fetch(const std::shared_ptr<Session>& session, uint64_t request, bool create);
   void Commit(const std::shared_ptr<Session>& session, uint64_t request, const Command& command,
               xpc_object_t recordObject);
+  // Validates, journals and applies `record` (also as `recordObject`), pushes
+  // it to the followers but the committer, and calls `done` once, when it is
+  // durable or refused.
+  void Apply(const std::shared_ptr<IHash>& record, xpc_object_t recordObject,
+             const Committer& committer, std::function<void(std::error_code)> done);
   std::error_code EnsureLoaded(bool create);
   std::error_code LoadExisting(bool snapshotExists);
   std::error_code ReplayJournal();

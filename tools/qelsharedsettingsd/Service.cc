@@ -9,6 +9,9 @@
 namespace QelSS::service {
 namespace {
 
+// As long as a client waits for its synchronous commit.
+constexpr std::chrono::seconds kImportLimit{30};
+
 // The answer to a message that never reaches a domain.
 void Refuse(const std::shared_ptr<Session>& session, uint64_t request, ErrorCode code) {
   if (request == platform::ipc::kNoRequest) return;
@@ -110,6 +113,15 @@ void Service::ArmIdleTimer() {
     Log(LOG_INFO, "no client for %lld s: exiting", static_cast<long long>(idleExit_.count()));
     io_.stop();
   });
+}
+
+std::error_code Service::Import(
+    const std::string& name,
+    const std::vector<std::pair<std::string, std::shared_ptr<IValue>>>& values) {
+  if (!IsValidDomainName(name)) return kInvalidArgument;
+  std::shared_ptr<ServedDomain> domain = DomainNamed(CanonicalDomainName(name));
+  if (domain == nullptr) return kFailure;
+  return domain->Import(values, kImportLimit);
 }
 
 void Service::SaveAll() {

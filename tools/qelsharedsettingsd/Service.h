@@ -8,6 +8,9 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
 
 #include <asio/io_context.hpp>
 #include <asio/local/stream_protocol.hpp>
@@ -26,6 +29,12 @@ class Service {
   void Serve(asio::local::stream_protocol::acceptor& acceptor);
   // Closes every connection and writes every changed domain's snapshot.
   void SaveAll();
+  // Sets each value at its key path in domain `name`, in one commit that every
+  // client of the domain hears of; waits until it is durable. For the
+  // predefined-domain import. kInvalidArgument for a name no client could use.
+  [[nodiscard]] std::error_code Import(
+      const std::string& name,
+      const std::vector<std::pair<std::string, std::shared_ptr<IValue>>>& values);
 
  private:
   void Accept(asio::local::stream_protocol::acceptor& acceptor);

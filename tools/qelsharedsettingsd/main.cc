@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -22,6 +23,7 @@
 #include <asio/signal_set.hpp>
 
 #include "Log.h"
+#include "PredefineWatcher.h"
 #include "Service.h"
 #include "qelss/ipc/Connection.h"
 #include "qelss/platform/xpc_connection.h"
@@ -40,6 +42,7 @@ struct Options {
   std::string store = "local";
   unsigned idleExit = 0;
   unsigned quietSeconds = 10;
+  std::string predefines;  // empty: the default folder
 };
 
 bool MakeFolder(const std::string& path, mode_t mode) {
@@ -107,6 +110,30 @@ std::optional<std::string> TakeSocket(Protocol::acceptor& acceptor, const Option
   return BindSocket(acceptor, options);
 }
 
+// A drop folder that cannot be watched costs the administrator the automatic
+// import, not the clients their settings: the service runs on without it.
+std::unique_ptr<QelSS::service::PredefineWatcher> WatchPredefines(asio::io_context& io,
+                                                                  QelSS::service::Service& service,
+                                                                  const Options& options) {
+  std::string folder = options.predefines;
+  if (folder == "none") return nullptr;
+  if (folder.empty() && QelSS::PreDefineManager::DefaultFolder(folder) != QelSS::kSuccess) {
+    Log(LOG_ERR, "predefine: no folder for predefined domains");
+    return nullptr;
+  }
+  try {
+    auto watcher = std::make_unique<QelSS::service::PredefineWatcher>(
+        io, folder, [&service](const std::string& domain, const auto& leaves) {
+          return service.Import(domain, leaves);
+        });
+    Log(LOG_INFO, "predefine: watching %s/Domains", folder.c_str());
+    return watcher;
+  } catch (const std::exception& e) {
+    Log(LOG_ERR, "predefine: %s; dropped files are not imported", e.what());
+    return nullptr;
+  }
+}
+
 int Run(const Options& options) {
   QelSS::service::StoreSettings settings;
   settings.stateDir = options.stateDir;
@@ -133,11 +160,14 @@ int Run(const Options& options) {
   });
   ::signal(SIGPIPE, SIG_IGN);
   service.Serve(acceptor);
+  std::unique_ptr<QelSS::service::PredefineWatcher> predefines =
+      WatchPredefines(io, service, options);
   sd_notify(0, "READY=1");
   io.run();
   sd_notify(0, "STOPPING=1");
   std::error_code ignored;
   acceptor.close(ignored);
+  predefines.reset();
   service.SaveAll();
   return 0;
 }
@@ -164,6 +194,10 @@ int main(int argc, char** argv) {
   app.add_option("--store", options.store, "where domains live")
       ->check(CLI::IsMember({"local"}))
       ->capture_default_str();
+  app.add_option("--predefines", options.predefines,
+                 "folder whose Domains/ the administrator drops domain files into ("
+                 "\"none\": no import); by default qelvarin/DomainSettings/Predefines in the "
+                 "data folder");
   app.add_option("--idle-exit", options.idleExit,
                  "exit after this many seconds without a client (0: never)")
       ->capture_default_str();
