@@ -128,6 +128,35 @@ TEST_F(QssTest, ExportAndImportRestoreADomain) {
   EXPECT_EQ(Succeed({"export", "fresh"}), exported);
 }
 
+// The default drop folder is the data home's; the exported form is what an
+// administrator drops.
+TEST_F(QssTest, PredefineImportsDroppedFilesAndTellsOfEach) {
+  Succeed({"write", "source", "/a/b", "int", "5"});
+  const std::string drop = InRoot("data/qelvarin/DomainSettings/Predefines/Domains/");
+  std::filesystem::create_directories(drop);
+  WriteFile(drop + "com.example.app.xml", Succeed({"export", "source"}));
+  WriteFile(drop + "broken", "<Hash>");
+  for (const char* name : {"com.example.app.xml", "broken"}) {
+    std::filesystem::permissions(
+        drop + name, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  }
+  Succeed({"write", "com.example.app", "/kept", "int", "1"});
+
+  const Outcome run = Qss({"predefine"});
+  EXPECT_EQ(run.status, 3);
+  EXPECT_NE(run.out.find("refused broken: the file is not a byte form that can be read: "
+                         "kSerializationError (351); moved to "),
+            std::string::npos)
+      << run.out;
+  EXPECT_NE(run.out.find("imported com.example.app.xml into com.example.app; moved to "),
+            std::string::npos)
+      << run.out;
+  EXPECT_NE(run.err.find("1 of 2 dropped files were refused"), std::string::npos) << run.err;
+  EXPECT_EQ(Succeed({"read", "com.example.app", "/a/b"}), "5\n");
+  EXPECT_EQ(Succeed({"read", "com.example.app", "/kept"}), "1\n");
+  EXPECT_EQ(Succeed({"predefine"}), "");
+}
+
 // Each process loads the domain and writes its whole tree back as it exits;
 // without taking turns the last one would drop the others' keys.
 TEST_F(QssTest, ConcurrentWritersKeepEveryChange) {

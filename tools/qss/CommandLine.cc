@@ -12,6 +12,7 @@
 #include "DefaultFolder.h"
 #include "DomainCommands.h"
 #include "DomainOptions.h"
+#include "PredefineCommand.h"
 #include "ValueParser.h"
 #include "WatchCommand.h"
 #include "qelss/api/Settings.h"
@@ -63,6 +64,7 @@ struct Arguments {
   std::string number;
   bool asByteForm = false;
   bool merge = false;
+  std::optional<std::string> predefines;
 };
 
 std::string ShellWord(const std::string& word) {
@@ -200,6 +202,19 @@ void AddDomainCommands(CLI::App& app, Arguments& a, Command& command, std::ostre
   });
 }
 
+void AddPredefineCommand(CLI::App& app, Arguments& a, Command& command, std::ostream& out) {
+  CLI::App* predefine = app.add_subcommand(
+      "predefine", "import the domain files dropped in the administrator's folder, once");
+  predefine
+      ->add_option("--predefines", a.predefines,
+                   "folder holding Domains/, SuccessfulImports/ and FailedImports/; by default "
+                   "qelvarin/DomainSettings/Predefines in the data folder")
+      ->type_name("DIR");
+  predefine->callback([&] {
+    command = [&](const DomainOptions& o) { return RunPredefine(o, a.predefines, out); };
+  });
+}
+
 void AddConfigCommands(CLI::App& app, Arguments& a, Command& command, std::ostream& out) {
   CLI::App* config = app.add_subcommand("config", "show or choose the current configuration");
   config->require_subcommand(1);
@@ -237,6 +252,7 @@ int RunCommandLine(int argc, char** argv) {
   AddGlobalOptions(app, arguments);
   AddDomainCommands(app, arguments, command, std::cout);
   AddConfigCommands(app, arguments, command, std::cout);
+  AddPredefineCommand(app, arguments, command, std::cout);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

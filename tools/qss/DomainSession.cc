@@ -102,11 +102,10 @@ Status OpenFailure(const DomainOptions& options, const std::string& name, const 
     return Status::Failure("the settings service cannot open domain " + name, code, "");
   }
   if (code == Code(kTimeout)) {
-    return Status::Failure("another process has held the file of domain " + name +
-                               " for over 10 seconds",
-                           code,
-                           "check for a stopped qss or application using " + options.folder +
-                               ", then run the command again");
+    return Status::Failure(
+        "another process has held the file of domain " + name + " for over 10 seconds", code,
+        "check for a stopped qss or application using " + options.folder +
+            ", then run the command again");
   }
   if (code == Code(kDirectoryError)) {
     return Status::Failure("cannot create the folder " + options.folder, code,
@@ -271,8 +270,7 @@ Status DomainSession::CommitFailure(const std::string& what, std::error_code cod
                            ListHint() + ", or delete the value in the way first");
   }
   if (code == Code(kInvalidArgument)) {
-    return Status::Failure(what +
-                               ": a domain cannot keep it, as it would nest deeper than the " +
+    return Status::Failure(what + ": a domain cannot keep it, as it would nest deeper than the " +
                                std::to_string(kMaxKeyPathLevels + 1) +
                                " levels a key path and its value may take, or holds text a "
                                "domain cannot keep",
@@ -295,7 +293,8 @@ Status DomainSession::CommitFailure(const std::string& what, std::error_code cod
 Status DomainSession::Save() const {
   const std::error_code saved = facade_->Save();
   if (Succeeded(saved)) return Status::Ok();
-  if (saved == Code(kStorageError)) return TooLarge("domain " + name_ + " cannot keep the change", saved);
+  if (saved == Code(kStorageError))
+    return TooLarge("domain " + name_ + " cannot keep the change", saved);
   if (saved == Code(kSerializationError)) {
     return Status::Failure("domain " + name_ +
                                " cannot keep the change: its file could not be "
@@ -370,6 +369,17 @@ Status DomainSession::Import(const std::shared_ptr<IHash>& tree, bool replace) {
   }
   if (Succeeded(result)) result = facade_->CommitTransaction();
   if (!Succeeded(result)) return CommitFailure("cannot import into domain " + name_, result);
+  return Save();
+}
+
+Status DomainSession::SetAll(
+    const std::vector<std::pair<std::string, std::shared_ptr<IValue>>>& values) {
+  std::error_code result = facade_->CreateTransaction();
+  for (size_t i = 0; i < values.size() && Succeeded(result); ++i) {
+    result = facade_->Set(values[i].first.c_str(), values[i].second);
+  }
+  if (Succeeded(result)) result = facade_->CommitTransaction();
+  if (!Succeeded(result)) return CommitFailure("cannot change domain " + name_, result);
   return Save();
 }
 

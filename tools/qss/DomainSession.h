@@ -2,6 +2,8 @@
 
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "DomainOptions.h"
 #include "FolderLock.h"
@@ -53,6 +55,10 @@ class DomainSession {
   // `replace` also removes the top-level keys that `tree` lacks. Either all of
   // it is committed or nothing.
   Status Import(const std::shared_ptr<IHash>& tree, bool replace);
+
+  // Stores every value at its key path, in one transaction, and commits:
+  // all of it or nothing.
+  Status SetAll(const std::vector<std::pair<std::string, std::shared_ptr<IValue>>>& values);
 
   QSSDomain& facade() { return *facade_; }
   const std::string& name() const { return name_; }
