@@ -45,7 +45,9 @@ class PredefineServiceTest : public ::testing::Test {
   bool ImportedWithin(const std::string& name) const {
     for (auto deadline = std::chrono::steady_clock::now() + 10s;
          std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(10ms)) {
-      for (const auto& entry : fs::directory_iterator(Folder("SuccessfulImports"))) {
+      // The service makes the folder once it is up; until then it is absent.
+      std::error_code absent;
+      for (const auto& entry : fs::directory_iterator(Folder("SuccessfulImports"), absent)) {
         if (entry.path().filename().string().rfind(name + ".", 0) == 0) return true;
       }
     }

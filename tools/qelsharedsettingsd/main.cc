@@ -159,9 +159,11 @@ int Run(const Options& options) {
     io.stop();
   });
   ::signal(SIGPIPE, SIG_IGN);
-  service.Serve(acceptor);
+  // Watched before the first client is served: a client that drops a file
+  // once it can connect finds the folder there and the watch on.
   std::unique_ptr<QelSS::service::PredefineWatcher> predefines =
       WatchPredefines(io, service, options);
+  service.Serve(acceptor);
   sd_notify(0, "READY=1");
   io.run();
   sd_notify(0, "STOPPING=1");
