@@ -1,5 +1,6 @@
 #include "predefine/Leaves.h"
 
+#include "domain/ChangeRecord.h"
 #include "persistence/ByteForm.h"
 #include "qelss/values/IHash.h"
 #include "qelss/values/IString.h"
@@ -26,6 +27,15 @@ std::error_code Collect(const IHash& hash, const std::string& prefix,
         if (inner != nullptr && inner->GetCount() > 0) {
           result = Collect(*inner, path, leaves, problem);
           stop = result != kSuccess;
+          return;
+        }
+        // Checked before anything is opened, so that a file the domain cannot
+        // keep does not even create its domain.
+        if (CheckStorablePath(path, value) != kSuccess) {
+          problem = "the value at \"" + path +
+                    "\" nests deeper than a domain keeps, or holds text a domain cannot keep";
+          result = make_error_code(kInvalidArgument);
+          stop = true;
           return;
         }
         leaves.emplace_back(path, value);

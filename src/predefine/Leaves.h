@@ -17,7 +17,8 @@ namespace QelSS::predefine {
 //   the reader's code   the bytes do not parse
 //   kInvalidType        the root is not a Hash
 //   kInvalidArgument    a key that a key path cannot address (empty, or
-//                       holding "/")
+//                       holding "/"), or a value a domain cannot keep where
+//                       it stands (nested too deep, text it cannot store)
 [[nodiscard]] std::error_code ReadLeaves(const std::vector<uint8_t>& bytes,
                                          std::vector<PreDefineManager::Leaf>& leaves,
                                          std::string& problem);

@@ -38,6 +38,15 @@ using Kind = PredefineOutcome::Kind;
 constexpr const char* kGood = "<Hash><String>a</String><Number type=\"int\">2</Number></Hash>";
 const std::regex kStamped(R"(\.\d{8}T\d{6}Z(-\d+)?$)");
 
+// `levels` hashes, each the only value of the one above, around a null.
+std::string Nested(int levels) {
+  std::string text;
+  for (int i = 0; i < levels; ++i) text += "<Hash><String>k</String>";
+  text += "<NULL/>";
+  for (int i = 0; i < levels; ++i) text += "</Hash>";
+  return text;
+}
+
 // Counts the commits asked of it and answers each with `answer`.
 struct Recorder {
   std::mutex mutex;
@@ -123,6 +132,8 @@ TEST_F(PredefineTest, EveryRefusalMovesTheFileBesideItsReasonAndCommitsNothing) 
        "other than a Hash"},
       {"slash.xml", [&] { Drop("slash.xml", "<Hash><String>a/b</String><NULL/></Hash>"); },
        kInvalidArgument, "\"/a/b\" cannot be addressed"},
+      {"deep.xml", [&] { Drop("deep.xml", Nested(199)); }, kInvalidArgument,
+       "nests deeper than a domain keeps"},
       {"bad\x01name.xml", [&] { Drop("bad\x01name.xml", kGood); }, kInvalidArgument,
        "control character"},
   };
