@@ -1,10 +1,11 @@
 // The facade's hot paths on a local domain of 1,000 and 10,000 keys: a typed
 // read, a one-call write and commit, and a transaction of a hundred writes
-// committed once. Every commit makes a transaction over a deep copy of the
-// domain, so the write paths grow with the domain's size.
+// committed once. A transaction copies only the hashes on the paths it
+// changes, so a one-key commit should cost about the same at any size.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -80,7 +81,7 @@ QSSDomain* Domain(benchmark::State& state) {
 
 std::vector<std::string> SomePaths(int keys) {
   std::vector<std::string> paths;
-  for (int k = 0; k < keys; k += keys / 64) paths.push_back(KeyPath(k));
+  for (int k = 0; k < keys; k += std::max(1, keys / 64)) paths.push_back(KeyPath(k));
   return paths;
 }
 
@@ -113,7 +114,7 @@ void BM_FacadeSetCommit(benchmark::State& state) {
   }
   state.counters["keys"] = static_cast<double>(state.range(0));
 }
-BENCHMARK(BM_FacadeSetCommit)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_FacadeSetCommit)->Arg(1)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
 void BM_FacadeTransactionOf100Sets(benchmark::State& state) {
   QSSDomain* facade = Domain(state);

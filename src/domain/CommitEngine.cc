@@ -158,8 +158,12 @@ std::error_code CommitEngine::ApplyTransaction(const std::shared_ptr<IHash>& rec
   if (std::error_code read = ReadRecordChanges(record, changes); read != kSuccess) return read;
   if (std::error_code checked = CheckApplicable(changes); checked != kSuccess) return checked;
 
-  if (std::error_code changed = ApplyChanges(changes); changed != kSuccess) return changed;
-  if (std::error_code raised = IncrementGCCount(); raised != kSuccess) return raised;
+  // Readers and transactions keep the version they hold; the new one is
+  // published whole, or not at all.
+  TreeWriter writer(settings_);
+  if (std::error_code changed = ApplyChanges(writer, changes); changed != kSuccess) return changed;
+  if (std::error_code raised = RaiseCount(writer); raised != kSuccess) return raised;
+  Publish(writer.Root());
   if (std::error_code remembered = RememberChanges(changes); remembered != kSuccess) {
     return Report("UpdateGCChanges", "Failed to update GC changes", remembered);
   }
@@ -167,17 +171,46 @@ std::error_code CommitEngine::ApplyTransaction(const std::shared_ptr<IHash>& rec
   return kSuccess;
 }
 
-std::error_code CommitEngine::ApplyChanges(const std::vector<Change>& changes) {
+std::error_code CommitEngine::ApplyChanges(TreeWriter& writer, const std::vector<Change>& changes) {
+  // The settings tree sits under one key of the stored root.
+  const std::string under = std::string(RecordKeys::kInternalSettings) + "/";
   for (const Change& change : changes) {
-    const char* path = change.path->GetCString();
+    const std::string path = under + change.path->GetCString();
     if (change.IsDeletion()) {
-      std::error_code removed = KeyPath::Remove(tree_, path);
+      std::error_code removed = writer.Remove(path);
       if (removed != kSuccess && removed != kNotFound) return removed;
     } else {
-      std::error_code stored = KeyPath::Store(tree_, path, change.value);
+      std::error_code stored = writer.Store(path, change.value);
       if (stored != kSuccess && stored != kOperationRefused) return stored;
     }
   }
+  return kSuccess;
+}
+
+void CommitEngine::Publish(std::shared_ptr<IHash> root) {
+  std::shared_ptr<IHash> tree;
+  // The writer changed what was there, so the tree is where it was.
+  (void)DomainRoot::GetInternalSettings(root, tree);
+  settings_ = std::move(root);
+  tree_ = std::move(tree);
+}
+
+std::error_code CommitEngine::AdoptTransaction(const std::shared_ptr<IHash>& record,
+                                               const std::shared_ptr<IHash>& base,
+                                               const std::shared_ptr<IHash>& version,
+                                               std::vector<Change>& applied) {
+  if (!version || base != settings_) return ValidateAndApply(record, applied);
+  if (std::error_code valid = IsTransactionValid(record); valid != kSuccess) return valid;
+  std::vector<Change> changes;
+  if (std::error_code read = ReadRecordChanges(record, changes); read != kSuccess) return read;
+  if (std::error_code checked = CheckApplicable(changes); checked != kSuccess) return checked;
+  TreeWriter writer(version);
+  if (std::error_code raised = RaiseCount(writer); raised != kSuccess) return raised;
+  Publish(writer.Root());
+  if (std::error_code remembered = RememberChanges(changes); remembered != kSuccess) {
+    return Report("UpdateGCChanges", "Failed to update GC changes", remembered);
+  }
+  applied = std::move(changes);
   return kSuccess;
 }
 
@@ -188,6 +221,13 @@ std::error_code CommitEngine::ValidateAndApply(const std::shared_ptr<IHash>& rec
 }
 
 std::error_code CommitEngine::IncrementGCCount() {
+  TreeWriter writer(settings_);
+  if (std::error_code raised = RaiseCount(writer); raised != kSuccess) return raised;
+  Publish(writer.Root());
+  return kSuccess;
+}
+
+std::error_code CommitEngine::RaiseCount(TreeWriter& writer) const {
   std::shared_ptr<IValue> value;
   std::error_code result = DomainRoot::LookUp(*settings_, RecordKeys::kGenerationCount, value);
   int64_t count = 0;
@@ -200,7 +240,7 @@ std::error_code CommitEngine::IncrementGCCount() {
     const auto next = static_cast<long long>(static_cast<uint64_t>(count) + 1);
     result = NumberFactory::Create(raised, next);
   }
-  if (result == kSuccess) result = settings_->Set(RecordKeys::kGenerationCount, raised);
+  if (result == kSuccess) result = writer.Store(RecordKeys::kGenerationCount, raised);
   if (result != kSuccess) {
     return Report("IncrementGCCount", "Failed to increment GC count", result);
   }

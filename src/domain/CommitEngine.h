@@ -9,6 +9,7 @@
 #include "domain/ChangeHistory.h"
 #include "domain/ChangeRecord.h"
 #include "qelss/values/IHash.h"
+#include "values/KeyPath.h"
 
 namespace QelSS {
 
@@ -29,16 +30,20 @@ class CommitEngine {
   CommitEngine(std::string name, bool remote);
 
   const std::string& Name() const noexcept { return name_; }
-  // The live settings tree, for reads; changed only through this class.
+  // The settings tree of the current version, for reads. A version is never
+  // changed once it is the state: each commit makes a new one that shares
+  // every hash it did not change, so what a reader or transaction holds stays
+  // as it was, on any thread.
   const std::shared_ptr<IHash>& Tree() const noexcept { return tree_; }
 
-  // The live stored root (count and tree), for a reader that must not pay
-  // for a copy, such as a snapshot written on the owner's queue.
+  // The stored root (count and tree) of the current version: what a
+  // transaction starts from and a snapshot writes, without a copy.
   const std::shared_ptr<IHash>& Root() const noexcept { return settings_; }
   // The stored generation count; 0 when it cannot be read.
   int64_t GenerationCount() const;
-  // Deep copies of the whole stored root, or of the settings tree alone.
-  // kInvalidData when the copy is not a hash.
+  // Deep copies of the whole stored root, or of the settings tree alone, for
+  // a caller that changes them in place. kInvalidData when the copy is not a
+  // hash.
   [[nodiscard]] std::error_code CloneRoot(std::shared_ptr<IHash>& copy) const;
   [[nodiscard]] std::error_code CloneTree(std::shared_ptr<IHash>& copy) const;
 
@@ -62,9 +67,19 @@ class CommitEngine {
   // and remembers the changed paths; `applied` gets the changes, for the
   // observers. A malformed record (kInvalidArgument for null, kInvalidData for
   // a change array or change record of the wrong shape) changes nothing. A
-  // change that the tree refuses stops the walk with its code; the changes
-  // before it stay applied and the count does not move.
+  // change that the tree refuses stops the walk with its code and changes
+  // nothing either.
   [[nodiscard]] std::error_code ApplyTransaction(const std::shared_ptr<IHash>& record,
+                                                 std::vector<Change>& applied);
+
+  // ValidateAndApply for a record whose transaction computed the outcome
+  // already: when `base` is the current root (nothing was committed since the
+  // transaction began), `version` (that root with the record's changes)
+  // becomes the state with the count raised, instead of the changes being
+  // applied again. Otherwise, or with a null `version`, ValidateAndApply.
+  [[nodiscard]] std::error_code AdoptTransaction(const std::shared_ptr<IHash>& record,
+                                                 const std::shared_ptr<IHash>& base,
+                                                 const std::shared_ptr<IHash>& version,
                                                  std::vector<Change>& applied);
 
   // IsTransactionValid, then ApplyTransaction.
@@ -91,7 +106,11 @@ class CommitEngine {
   [[nodiscard]] std::error_code ReplaceSettingsTree(std::shared_ptr<IHash> tree);
 
  private:
-  std::error_code ApplyChanges(const std::vector<Change>& changes);
+  std::error_code ApplyChanges(TreeWriter& writer, const std::vector<Change>& changes);
+  // The count raised by one, in `writer`'s version (failures reported).
+  std::error_code RaiseCount(TreeWriter& writer) const;
+  // Makes `root` (a stored root) the state.
+  void Publish(std::shared_ptr<IHash> root);
   std::error_code RememberChanges(const std::vector<Change>& changes);
   std::error_code CheckDomainName(const std::shared_ptr<IHash>& record) const;
   std::error_code ReportInvalid(const char* message, std::error_code code, int64_t inCount,

@@ -84,8 +84,11 @@ std::error_code DomainSetting::Get(const std::string& path, std::shared_ptr<IVal
 
 std::error_code DomainSetting::CreateTransaction(std::shared_ptr<ITransaction>& transaction) {
   std::shared_ptr<IHash> copy;
-  std::error_code copied =
-      RunOnDomainQueue("CreateTransaction", [&] { return engine_.CloneRoot(copy); });
+  // The transaction copies only the hashes it changes (its own TreeWriter).
+  std::error_code copied = RunOnDomainQueue("CreateTransaction", [&] {
+    copy = engine_.Root();
+    return make_error_code(kSuccess);
+  });
   if (copied != kSuccess) return copied;
   try {
     return Transaction::Create(transaction, name_, std::move(copy));
@@ -149,6 +152,24 @@ std::error_code DomainSetting::RecordForCommit(const std::shared_ptr<ITransactio
   record.reset();
   if (!internal->HasChanges()) return kSuccess;
   return internal->GetTransactionRecord(record);
+}
+
+std::error_code DomainSetting::PrepareCommit(const std::shared_ptr<ITransaction>& transaction,
+                                             PreparedCommit& commit) {
+  if (!transaction) return kInvalidArgument;
+  auto internal = std::dynamic_pointer_cast<ITransactionInternal>(transaction);
+  if (!internal) return kInvalidData;
+  commit = PreparedCommit{};
+  if (!internal->HasChanges()) return kSuccess;
+  return internal->PrepareCommit(commit.record, commit.base, commit.version);
+}
+
+std::error_code DomainSetting::AdoptOrApply(const PreparedCommit& commit, bool notify) {
+  std::vector<Change> applied;
+  const std::error_code rc =
+      Engine().AdoptTransaction(commit.record, commit.base, commit.version, applied);
+  if (rc == kSuccess && notify) Deliver(applied);
+  return rc;
 }
 
 std::error_code DomainSetting::ValidateAndApply(const std::shared_ptr<IHash>& record, bool notify) {

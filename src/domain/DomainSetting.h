@@ -104,6 +104,17 @@ class DomainSetting : public IDomainSetting,
   [[nodiscard]] static std::error_code RecordForCommit(
       const std::shared_ptr<ITransaction>& transaction, std::shared_ptr<IHash>& record);
 
+  // A commit as RecordForCommit makes it, with the outcome the transaction
+  // computed: `base` and `version` as ITransactionInternal::PrepareCommit
+  // gives them, for the engine's AdoptTransaction.
+  struct PreparedCommit {
+    std::shared_ptr<IHash> record;
+    std::shared_ptr<IHash> base;
+    std::shared_ptr<IHash> version;
+  };
+  [[nodiscard]] static std::error_code PrepareCommit(
+      const std::shared_ptr<ITransaction>& transaction, PreparedCommit& commit);
+
   // ---- On the domain queue only.
 
   // The state and its rules (see CommitEngine).
@@ -113,6 +124,8 @@ class DomainSetting : public IDomainSetting,
   // The engine's ValidateAndApply and ApplyTransaction, telling the observers
   // of the applied changes when `notify` is set.
   [[nodiscard]] std::error_code ValidateAndApply(const std::shared_ptr<IHash>& record, bool notify);
+  // The same through the engine's AdoptTransaction.
+  [[nodiscard]] std::error_code AdoptOrApply(const PreparedCommit& commit, bool notify);
   [[nodiscard]] std::error_code ApplyTransaction(const std::shared_ptr<IHash>& record, bool notify);
 
   // Posts the changes of `changes` (an array of change records) to every live

@@ -37,6 +37,16 @@ class ITransactionInternal {
 
   // True when at least one change is recorded.
   virtual bool HasChanges() = 0;
+
+  // For a commit: a record of the changes so far (its change array a copy, so
+  // that later changes do not show in it) and, when the working copy is
+  // exactly the stored root the transaction started from (`base`) with those
+  // changes, that copy (`version`); after SetTransactionRecord both stay null.
+  // The version is the caller's from then on: later changes to the
+  // transaction copy what they change instead of changing it.
+  [[nodiscard]] virtual std::error_code PrepareCommit(std::shared_ptr<IHash>& record,
+                                                      std::shared_ptr<IHash>& base,
+                                                      std::shared_ptr<IHash>& version) = 0;
 };
 
 }  // namespace QelSS

@@ -242,11 +242,11 @@ std::error_code LocalDomainSetting::DamagedFileKept(std::string& path) {
 std::error_code LocalDomainSetting::CommitTransaction(
     const std::shared_ptr<ITransaction>& transaction, std::function<void(std::error_code)> done) {
   if (!done) return kInvalidArgument;
-  std::shared_ptr<IHash> record;
-  std::error_code result = RecordForCommit(transaction, record);
-  if (result == kSuccess && record) {
+  PreparedCommit commit;
+  std::error_code result = PrepareCommit(transaction, commit);
+  if (result == kSuccess && commit.record) {
     result = RunOnDomainQueue("CommitTransaction", [&] {
-      std::error_code applied = ValidateAndApply(record, false);
+      std::error_code applied = AdoptOrApply(commit, false);
       if (applied == kSuccess) MarkDirty();
       return applied;
     });

@@ -15,10 +15,9 @@ std::error_code MakeSetRecord(
     const std::vector<std::pair<std::string, std::shared_ptr<IValue>>>& values,
     std::shared_ptr<IHash>& record) {
   record.reset();
-  // The changes are tried on a copy, so that one the tree refuses is found
-  // before anything is committed.
-  std::shared_ptr<IHash> tree;
-  if (std::error_code copied = engine.CloneTree(tree); copied != kSuccess) return copied;
+  // The changes are tried on a version of its own, so that one the tree
+  // refuses is found before anything is committed.
+  TreeWriter tree(engine.Tree());
   std::shared_ptr<IArray> changes;
   if (std::error_code made = ArrayFactory::Create(changes); made != kSuccess) return made;
   for (const auto& [path, value] : values) {
@@ -26,7 +25,7 @@ std::error_code MakeSetRecord(
     if (std::error_code storable = CheckStorablePath(path, value); storable != kSuccess) {
       return storable;
     }
-    const std::error_code stored = KeyPath::Store(tree, path, value);
+    const std::error_code stored = tree.Store(path, value);
     if (stored == kOperationRefused) continue;
     if (stored != kSuccess) return stored;
     std::shared_ptr<IHash> change;

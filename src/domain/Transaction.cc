@@ -27,6 +27,12 @@ void ThrowOnFailure(std::error_code code) {
   if (code != kSuccess) throw TransactionException(code, "Transaction: Failed to init");
 }
 
+// `path` of the settings tree as a path of the stored root, which holds the
+// tree under one key.
+std::string InTree(const std::string& path) {
+  return std::string(RecordKeys::kInternalSettings) + "/" + path;
+}
+
 }  // namespace
 
 std::error_code Transaction::Create(std::shared_ptr<ITransaction>& out,
@@ -46,7 +52,8 @@ Transaction::Transaction(const std::string& domainName, std::shared_ptr<IHash>&&
                                      "com.qelvarin.qss.transaction", QOS_CLASS_USER_INTERACTIVE));
   ThrowOnFailure(StringFactory::Create(domainName_, domainName));
   ThrowOnFailure(ArrayFactory::Create(changes_));
-  workingSettings_ = std::move(workingSettings);
+  base_ = workingSettings;
+  working_ = std::make_unique<TreeWriter>(std::move(workingSettings));
 }
 
 Transaction::~Transaction() = default;
@@ -62,23 +69,23 @@ std::error_code Transaction::RunOnQueue(QelSS::FunctionRef<std::error_code()> bo
   return result;
 }
 
-std::error_code Transaction::GetTree(std::shared_ptr<IHash>& tree) const {
+// The stored root must hold its settings tree as a hash: kNotFound when it
+// holds none, kInvalidData when it holds something else.
+std::error_code Transaction::CheckTree() const {
   std::shared_ptr<IValue> value;
-  if (std::error_code found = workingSettings_->Get(RecordKeys::kInternalSettings, value);
+  if (std::error_code found = working_->Root()->Get(RecordKeys::kInternalSettings, value);
       found != kSuccess) {
     return found;
   }
-  auto hash = std::dynamic_pointer_cast<IHash>(value);
-  if (!hash) return kInvalidData;
-  tree = std::move(hash);
-  return kSuccess;
+  return std::dynamic_pointer_cast<IHash>(value) ? make_error_code(kSuccess)
+                                                 : make_error_code(kInvalidData);
 }
 
 std::error_code Transaction::Delete(const std::string& path) {
   return RunOnQueue([&]() -> std::error_code {
-    std::shared_ptr<IHash> tree;
-    if (std::error_code got = GetTree(tree); got != kSuccess) return got;
-    std::error_code removed = KeyPath::Remove(tree, path);
+    if (KeyPath::Split(path).empty()) return kInvalidArgument;
+    if (std::error_code checked = CheckTree(); checked != kSuccess) return checked;
+    std::error_code removed = working_->Remove(InTree(path));
     if (removed == kNotFound) return kSuccess;
     if (removed != kSuccess) return removed;
     return AppendChange(path, Constants::Delete, nullptr);
@@ -91,9 +98,9 @@ std::error_code Transaction::Set(const std::string& path, const std::shared_ptr<
     return storable;
   }
   return RunOnQueue([&]() -> std::error_code {
-    std::shared_ptr<IHash> tree;
-    if (std::error_code got = GetTree(tree); got != kSuccess) return got;
-    std::error_code stored = KeyPath::Store(tree, path, value);
+    if (KeyPath::Split(path).empty()) return kInvalidArgument;
+    if (std::error_code checked = CheckTree(); checked != kSuccess) return checked;
+    std::error_code stored = working_->Store(InTree(path), value);
     if (stored == kOperationRefused) return kSuccess;
     if (stored != kSuccess) return stored;
     return AppendChange(path, Constants::Set, value);
@@ -113,25 +120,50 @@ std::error_code Transaction::AppendChange(const std::string& path,
   return changes_->Append(change);
 }
 
-std::error_code Transaction::GetTransactionRecord(std::shared_ptr<IHash>& record) {
+std::error_code Transaction::BuildRecord(const std::shared_ptr<IArray>& changes,
+                                         std::shared_ptr<IHash>& record) const {
   std::shared_ptr<IHash> built;
   if (std::error_code made = HashFactory::Create(built); made != kSuccess) return made;
-  std::error_code result = RunOnQueue([&]() -> std::error_code {
-    if (std::error_code set = built->Set(RecordKeys::kDomainName, domainName_); set != kSuccess) {
-      return set;
+  if (std::error_code set = built->Set(RecordKeys::kDomainName, domainName_); set != kSuccess) {
+    return set;
+  }
+  if (std::error_code set = built->Set(RecordKeys::kChanges, changes); set != kSuccess) return set;
+  std::shared_ptr<IValue> count;
+  if (std::error_code got = working_->Root()->Get(RecordKeys::kGenerationCount, count);
+      got != kSuccess) {
+    return got;
+  }
+  if (std::error_code set = built->Set(RecordKeys::kGenerationCount, count); set != kSuccess) {
+    return set;
+  }
+  record = std::move(built);
+  return kSuccess;
+}
+
+std::error_code Transaction::GetTransactionRecord(std::shared_ptr<IHash>& record) {
+  return RunOnQueue([&] { return BuildRecord(changes_, record); });
+}
+
+std::error_code Transaction::PrepareCommit(std::shared_ptr<IHash>& record,
+                                           std::shared_ptr<IHash>& base,
+                                           std::shared_ptr<IHash>& version) {
+  return RunOnQueue([&]() -> std::error_code {
+    std::shared_ptr<IArray> frozen;
+    if (std::error_code made = ArrayFactory::Create(frozen); made != kSuccess) return made;
+    std::error_code copied = make_error_code(kSuccess);
+    (void)changes_->Iterate([&](const std::shared_ptr<IValue>& change, unsigned int, bool& stop) {
+      copied = frozen->Append(change);
+      stop = copied != kSuccess;
+    });
+    if (copied != kSuccess) return copied;
+    if (std::error_code built = BuildRecord(frozen, record); built != kSuccess) return built;
+    if (!recordTakenOver_) {
+      base = base_;
+      version = working_->Root();
+      working_->Seal();
     }
-    if (std::error_code set = built->Set(RecordKeys::kChanges, changes_); set != kSuccess) {
-      return set;
-    }
-    std::shared_ptr<IValue> count;
-    if (std::error_code got = workingSettings_->Get(RecordKeys::kGenerationCount, count);
-        got != kSuccess) {
-      return got;
-    }
-    return built->Set(RecordKeys::kGenerationCount, count);
+    return make_error_code(kSuccess);
   });
-  if (result == kSuccess) record = std::move(built);
-  return result;
 }
 
 std::error_code Transaction::SetTransactionRecord(const std::shared_ptr<IHash>& record) {
@@ -140,6 +172,8 @@ std::error_code Transaction::SetTransactionRecord(const std::shared_ptr<IHash>& 
 }
 
 std::error_code Transaction::TakeOverRecord(const std::shared_ptr<IHash>& record) {
+  // Whatever the outcome below, the working copy may no longer match the record.
+  recordTakenOver_ = true;
   std::shared_ptr<IValue> name;
   if (std::error_code got = record->Get(RecordKeys::kDomainName, name); got != kSuccess) {
     return got;
@@ -155,7 +189,7 @@ std::error_code Transaction::TakeOverRecord(const std::shared_ptr<IHash>& record
   if (std::error_code got = DomainRoot::GetGenerationCount(record, recordCount); got != kSuccess) {
     return got;
   }
-  if (std::error_code got = DomainRoot::GetGenerationCount(workingSettings_, ownCount);
+  if (std::error_code got = DomainRoot::GetGenerationCount(working_->Root(), ownCount);
       got != kSuccess) {
     return got;
   }

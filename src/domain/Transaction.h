@@ -11,6 +11,7 @@
 #include "qelss/values/IArray.h"
 #include "qelss/values/IHash.h"
 #include "qelss/values/IString.h"
+#include "values/KeyPath.h"
 
 namespace QelSS {
 
@@ -37,6 +38,8 @@ class Transaction final : public ITransaction, public ITransactionInternal {
   std::error_code GetTransactionRecord(std::shared_ptr<IHash>& record) override;
   std::error_code SetTransactionRecord(const std::shared_ptr<IHash>& record) override;
   bool HasChanges() override;
+  std::error_code PrepareCommit(std::shared_ptr<IHash>& record, std::shared_ptr<IHash>& base,
+                                std::shared_ptr<IHash>& version) override;
 
   // Records older than this many generations before the transaction's state are
   // refused. Kept equal to the depth of a domain's change history.
@@ -45,13 +48,19 @@ class Transaction final : public ITransaction, public ITransactionInternal {
  private:
   // Runs `body` on the private queue; kFailure when it does not run.
   std::error_code RunOnQueue(QelSS::FunctionRef<std::error_code()> body);
-  std::error_code GetTree(std::shared_ptr<IHash>& tree) const;
+  std::error_code CheckTree() const;
+  std::error_code BuildRecord(const std::shared_ptr<IArray>& changes,
+                              std::shared_ptr<IHash>& record) const;
   std::error_code AppendChange(const std::string& path, Constants::TransactionChangeType type,
                                const std::shared_ptr<IValue>& value);
   std::error_code TakeOverRecord(const std::shared_ptr<IHash>& record);
 
-  std::shared_ptr<IString> domainName_;           // constant after construction
-  std::shared_ptr<IHash> workingSettings_;        // on queue_ only
+  std::shared_ptr<IString> domainName_;  // constant after construction
+  // The stored root this transaction started from, with its own changes; it
+  // copies only the hashes it changes, so the domain's version stays as it was.
+  std::unique_ptr<TreeWriter> working_;           // on queue_ only
+  std::shared_ptr<IHash> base_;                   // constant after construction
+  bool recordTakenOver_ = false;                  // on queue_ only
   std::shared_ptr<IArray> changes_;               // on queue_ only; never null
   std::shared_ptr<DispatchQueue::IQueue> queue_;  // constant after construction
 };

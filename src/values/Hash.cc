@@ -250,6 +250,12 @@ std::error_code Hash::CopyEntriesOf(const IHash& source, HashTable& out) {
   return Succeeded(walked) ? result : walked;
 }
 
+std::error_code Hash::ShallowCopy(std::shared_ptr<IHash>& out) const {
+  HashTable copy;
+  if (!OnQueue(DispatchQueue::kRunNoFlags, [&] { copy = entries_; })) return kFailure;
+  return MakeValue<Hash>(out, std::move(copy));
+}
+
 std::error_code Hash::Clone(std::shared_ptr<IValue>& out) const {
   HashTable copy;
   std::error_code result = CopyEntriesTo(copy);

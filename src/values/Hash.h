@@ -66,6 +66,9 @@ class Hash final : public IHash, public Value {
 
   // The entries as they are now, in key order.
   HashSnapshot Snapshot() const;
+  // A new hash holding the same values (shared, not cloned) under the same
+  // keys: the first step of changing a hash that others may still read.
+  [[nodiscard]] std::error_code ShallowCopy(std::shared_ptr<IHash>& out) const;
 
  private:
   template <typename Block>

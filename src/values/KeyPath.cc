@@ -6,6 +6,7 @@
 #include "qelss/values/HashFactory.h"
 #include "qelss/values/IArray.h"
 #include "qelss/values/ValueHelper.h"
+#include "values/Hash.h"
 
 namespace QelSS {
 namespace {
@@ -157,6 +158,83 @@ std::error_code KeyPath::Remove(const std::shared_ptr<IHash>& tree, std::string_
   std::error_code result = FindParent(tree, components, parent);
   if (!Succeeded(result)) return result;
   return parent->Delete(components.back().c_str());
+}
+
+// ---- TreeWriter
+
+namespace {
+
+std::error_code CopyOf(const IHash& hash, std::shared_ptr<IHash>& out) {
+  if (const auto* concrete = dynamic_cast<const Hash*>(&hash)) return concrete->ShallowCopy(out);
+  std::shared_ptr<IHash> copy;
+  if (std::error_code made = HashFactory::Create(copy); !Succeeded(made)) return made;
+  std::error_code result = make_error_code(kSuccess);
+  (void)hash.Iterate(
+      [&](const std::shared_ptr<IString>& key, const std::shared_ptr<IValue>& value, bool& stop) {
+        result = copy->Set(key, value);
+        stop = !Succeeded(result);
+      });
+  if (Succeeded(result)) out = std::move(copy);
+  return result;
+}
+
+}  // namespace
+
+TreeWriter::TreeWriter(std::shared_ptr<IHash> root) : root_(std::move(root)) {}
+
+std::error_code TreeWriter::Own(std::vector<std::shared_ptr<IHash>>& levels,
+                                const std::vector<std::string>& components) {
+  for (size_t i = 0; i < levels.size(); ++i) {
+    if (owned_.count(levels[i].get()) != 0) continue;
+    std::shared_ptr<IHash> copy;
+    if (std::error_code copied = CopyOf(*levels[i], copy); !Succeeded(copied)) return copied;
+    // The parent is already this writer's: changing it in place is allowed.
+    if (i == 0) {
+      root_ = copy;
+    } else if (std::error_code set = levels[i - 1]->Set(components[i - 1].c_str(), copy);
+               !Succeeded(set)) {
+      return set;
+    }
+    owned_.insert(copy.get());
+    copies_.push_back(copy);
+    levels[i] = std::move(copy);
+  }
+  return kSuccess;
+}
+
+std::error_code TreeWriter::Store(std::string_view path, const std::shared_ptr<IValue>& value) {
+  std::vector<std::string> components = KeyPath::Split(path);
+  if (!root_ || !value || components.empty()) return kInvalidArgument;
+  Walk walk;
+  std::error_code result = WalkIntermediates(root_, components, walk);
+  if (!Succeeded(result)) return result;
+  if (WouldContainItself(walk, value)) return kInvalidArgument;
+  const std::string& key = components[walk.covered];
+  if (walk.covered + 1 == components.size()) {
+    std::shared_ptr<IValue> present;
+    if (Succeeded(walk.levels.back()->Get(key.c_str(), present)) && *present == *value) {
+      return kOperationRefused;
+    }
+  }
+  std::shared_ptr<IValue> attach;
+  result = BuildChain(components, walk.covered, value, attach);
+  if (Succeeded(result)) result = Own(walk.levels, components);
+  if (!Succeeded(result)) return result;
+  return walk.levels.back()->Set(key.c_str(), attach);
+}
+
+std::error_code TreeWriter::Remove(std::string_view path) {
+  std::vector<std::string> components = KeyPath::Split(path);
+  if (!root_ || components.empty()) return kInvalidArgument;
+  Walk walk;
+  std::error_code result = WalkIntermediates(root_, components, walk);
+  if (result == make_error_code(kInvalidType)) return kNotFound;
+  if (!Succeeded(result)) return result;
+  if (walk.covered + 1 != components.size()) return kNotFound;
+  const char* key = components.back().c_str();
+  if (std::error_code held = walk.levels.back()->Contains(key); !Succeeded(held)) return held;
+  if (std::error_code owned = Own(walk.levels, components); !Succeeded(owned)) return owned;
+  return walk.levels.back()->Delete(key);
 }
 
 }  // namespace QelSS

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <unordered_set>
 #include <vector>
 
 #include "qelss/values/IHash.h"
@@ -51,6 +52,45 @@ class KeyPath {
   // when a level is absent or an intermediate level is not a hash.
   [[nodiscard]] static std::error_code Remove(const std::shared_ptr<IHash>& tree,
                                               std::string_view path);
+};
+
+// Changes a settings tree whose hashes others may share: readers holding a
+// committed version, transactions begun from it. The first change below a
+// hash replaces it, in a copy of its parent, with a copy of its own (entries
+// shared, values not cloned); such copies are this writer's alone and take
+// later changes in place. The tree handed in is never changed, so a change
+// costs the hashes on its path, not the size of the tree.
+//
+// Not thread-safe; the tree handed in may be read by anyone meanwhile.
+class TreeWriter {
+ public:
+  explicit TreeWriter(std::shared_ptr<IHash> root);
+  TreeWriter(const TreeWriter&) = delete;
+  TreeWriter& operator=(const TreeWriter&) = delete;
+
+  // As KeyPath::Store and KeyPath::Remove, on the tree as this writer sees it.
+  // A refusal copies nothing.
+  [[nodiscard]] std::error_code Store(std::string_view path, const std::shared_ptr<IValue>& value);
+  [[nodiscard]] std::error_code Remove(std::string_view path);
+
+  // The tree with every change so far.
+  const std::shared_ptr<IHash>& Root() const noexcept { return root_; }
+
+  // Hands the tree over as it is: later changes copy what they change, as
+  // they did in the tree first handed in.
+  void Seal() noexcept { owned_.clear(); }
+
+ private:
+  // Makes every hash of `levels` (the root first, each the parent of the next
+  // under `components`) this writer's own; `levels` then holds the copies.
+  std::error_code Own(std::vector<std::shared_ptr<IHash>>& levels,
+                      const std::vector<std::string>& components);
+
+  std::shared_ptr<IHash> root_;
+  // The copies made so far, kept alive so that no other hash can ever be
+  // mistaken for one at a reused address.
+  std::vector<std::shared_ptr<IHash>> copies_;
+  std::unordered_set<const IHash*> owned_;  // the addresses of copies_
 };
 
 }  // namespace QelSS

@@ -37,9 +37,13 @@ class InMemoryDomain final : public DomainSetting {
   std::error_code CommitTransaction(const std::shared_ptr<ITransaction>& transaction,
                                     std::function<void(std::error_code)> done) override {
     if (!done) return kInvalidArgument;
-    std::shared_ptr<IHash> record;
-    std::error_code result = RecordForCommit(transaction, record);
-    if (result == kSuccess && record) result = Push(record);
+    // As a local domain commits: the transaction's outcome is adopted when
+    // nothing was committed since it began.
+    PreparedCommit commit;
+    std::error_code result = PrepareCommit(transaction, commit);
+    if (result == kSuccess && commit.record) {
+      result = RunOnDomainQueue("Commit", [&] { return AdoptOrApply(commit, true); });
+    }
     done(result);
     return kSuccess;
   }

@@ -9,6 +9,7 @@
 #include "platform/dispatch/RunningFrame.h"
 #include "platform/dispatch/SerialQueue.h"
 #include "qelss/domain/SettingsObserver.h"
+#include "qelss/values/ValueHelper.h"
 
 namespace QelSS {
 namespace {
@@ -111,6 +112,68 @@ TEST(EngineStress, CommitsReadsAndObserverChurnAgree) {
   EXPECT_EQ(delivered.Count(), accepted);
   EXPECT_EQ(violations, 0);
   dispatch_release(own);
+}
+
+// Readers never see half a commit, and what they read stays as it was while
+// later commits go on: each commit is a new version, never a change to the
+// hashes a reader holds.
+TEST(EngineStress, ReadersSeeWholeCommitsAndKeepWhatTheyRead) {
+  auto domain = InMemoryDomain::Make("versions");
+  auto first = NewTransaction(*domain);
+  ASSERT_EQ(first->Set("pair/a", Int(0)), kSuccess);
+  ASSERT_EQ(first->Set("pair/b", Int(0)), kSuccess);
+  ASSERT_EQ(Commit(*domain, first), kSuccess);
+
+  std::atomic<bool> writing{true};
+  std::atomic<int> torn{0}, changed{0}, unexpected{0}, reads{0};
+  auto valueOf = [](const std::shared_ptr<IHash>& pair, const char* key) {
+    std::shared_ptr<IValue> value;
+    long long number = -1;
+    if (pair->Get(key, value) == kSuccess) (void)ValueHelper::Get(value, number);
+    return number;
+  };
+  std::vector<std::thread> readers;
+  for (int r = 0; r < 2; ++r) {
+    readers.emplace_back([&] {
+      while (writing) {
+        std::shared_ptr<IValue> value;
+        auto pair = domain->Get("pair", value) == kSuccess ? std::dynamic_pointer_cast<IHash>(value)
+                                                           : nullptr;
+        if (!pair) {
+          ++unexpected;
+          continue;
+        }
+        const long long a = valueOf(pair, "a");
+        if (valueOf(pair, "b") != a) ++torn;
+        // Long enough for several commits to land meanwhile.
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+        if (valueOf(pair, "a") != a || valueOf(pair, "b") != a) ++changed;
+        ++reads;
+      }
+    });
+  }
+  std::vector<std::thread> writers;
+  for (int w = 0; w < 2; ++w) {
+    writers.emplace_back([&, w] {
+      for (int i = 1; i <= 2000; ++i) {
+        auto transaction = NewTransaction(*domain);
+        const long long v = w * 10000 + i;
+        if (transaction->Set("pair/a", Int(v)) != kSuccess ||
+            transaction->Set("pair/b", Int(v)) != kSuccess) {
+          ++unexpected;
+        }
+        const std::error_code result = Commit(*domain, transaction);
+        if (result != kSuccess && result != kTransactionConflict) ++unexpected;
+      }
+    });
+  }
+  for (auto& writer : writers) writer.join();
+  writing = false;
+  for (auto& reader : readers) reader.join();
+  EXPECT_GT(reads, 0);
+  EXPECT_EQ(unexpected, 0);
+  EXPECT_EQ(torn, 0);
+  EXPECT_EQ(changed, 0);
 }
 
 }  // namespace
