@@ -197,16 +197,18 @@ void CommitEngine::Publish(std::shared_ptr<IHash> root) {
 
 std::error_code CommitEngine::AdoptTransaction(const std::shared_ptr<IHash>& record,
                                                const std::shared_ptr<IHash>& base,
-                                               const std::shared_ptr<IHash>& version,
-                                               std::vector<Change>& applied) {
+                                               const std::shared_ptr<TreeWriter>& version,
+                                               size_t expected, std::vector<Change>& applied) {
   if (!version || base != settings_) return ValidateAndApply(record, applied);
   if (std::error_code valid = IsTransactionValid(record); valid != kSuccess) return valid;
   std::vector<Change> changes;
   if (std::error_code read = ReadRecordChanges(record, changes); read != kSuccess) return read;
+  // A change made after the version was handed over is not in it.
+  if (changes.size() != expected) return ApplyTransaction(record, applied);
   if (std::error_code checked = CheckApplicable(changes); checked != kSuccess) return checked;
-  TreeWriter writer(version);
-  if (std::error_code raised = RaiseCount(writer); raised != kSuccess) return raised;
-  Publish(writer.Root());
+  // The root is the transaction's own copy: the count goes into it directly.
+  if (std::error_code raised = RaiseCount(*version); raised != kSuccess) return raised;
+  Publish(version->Root());
   if (std::error_code remembered = RememberChanges(changes); remembered != kSuccess) {
     return Report("UpdateGCChanges", "Failed to update GC changes", remembered);
   }

@@ -74,13 +74,14 @@ class CommitEngine {
 
   // ValidateAndApply for a record whose transaction computed the outcome
   // already: when `base` is the current root (nothing was committed since the
-  // transaction began), `version` (that root with the record's changes)
-  // becomes the state with the count raised, instead of the changes being
-  // applied again. Otherwise, or with a null `version`, ValidateAndApply.
+  // transaction began) and the record still holds `changes` changes, the
+  // tree of `version` (that root with those changes) becomes the state with
+  // the count raised, instead of the changes being applied again. Otherwise,
+  // or with a null `version`, ValidateAndApply.
   [[nodiscard]] std::error_code AdoptTransaction(const std::shared_ptr<IHash>& record,
                                                  const std::shared_ptr<IHash>& base,
-                                                 const std::shared_ptr<IHash>& version,
-                                                 std::vector<Change>& applied);
+                                                 const std::shared_ptr<TreeWriter>& version,
+                                                 size_t changes, std::vector<Change>& applied);
 
   // IsTransactionValid, then ApplyTransaction.
   [[nodiscard]] std::error_code ValidateAndApply(const std::shared_ptr<IHash>& record,

@@ -161,13 +161,13 @@ std::error_code DomainSetting::PrepareCommit(const std::shared_ptr<ITransaction>
   if (!internal) return kInvalidData;
   commit = PreparedCommit{};
   if (!internal->HasChanges()) return kSuccess;
-  return internal->PrepareCommit(commit.record, commit.base, commit.version);
+  return internal->PrepareCommit(commit.record, commit.base, commit.version, commit.changes);
 }
 
 std::error_code DomainSetting::AdoptOrApply(const PreparedCommit& commit, bool notify) {
   std::vector<Change> applied;
-  const std::error_code rc =
-      Engine().AdoptTransaction(commit.record, commit.base, commit.version, applied);
+  const std::error_code rc = Engine().AdoptTransaction(commit.record, commit.base, commit.version,
+                                                       commit.changes, applied);
   if (rc == kSuccess && notify) Deliver(applied);
   return rc;
 }

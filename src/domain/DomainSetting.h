@@ -110,7 +110,8 @@ class DomainSetting : public IDomainSetting,
   struct PreparedCommit {
     std::shared_ptr<IHash> record;
     std::shared_ptr<IHash> base;
-    std::shared_ptr<IHash> version;
+    std::shared_ptr<TreeWriter> version;
+    size_t changes = 0;
   };
   [[nodiscard]] static std::error_code PrepareCommit(
       const std::shared_ptr<ITransaction>& transaction, PreparedCommit& commit);

@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "qelss/values/IHash.h"
+#include "values/KeyPath.h"
 
 namespace QelSS {
 
@@ -38,15 +39,18 @@ class ITransactionInternal {
   // True when at least one change is recorded.
   virtual bool HasChanges() = 0;
 
-  // For a commit: a record of the changes so far (its change array a copy, so
-  // that later changes do not show in it) and, when the working copy is
-  // exactly the stored root the transaction started from (`base`) with those
-  // changes, that copy (`version`); after SetTransactionRecord both stay null.
-  // The version is the caller's from then on: later changes to the
-  // transaction copy what they change instead of changing it.
+  // For a commit: the record (as GetTransactionRecord makes it), how many
+  // changes it holds now, and, when the working copy is exactly the stored
+  // root the transaction started from (`base`) with those changes, the writer
+  // that made it (`version`, whose copies its new owner may go on changing);
+  // after SetTransactionRecord both stay null. The transaction goes on with a
+  // writer of its own over the same tree, so later changes copy what they
+  // change (and show in the record's shared change array, which is why the
+  // count is given).
   [[nodiscard]] virtual std::error_code PrepareCommit(std::shared_ptr<IHash>& record,
                                                       std::shared_ptr<IHash>& base,
-                                                      std::shared_ptr<IHash>& version) = 0;
+                                                      std::shared_ptr<TreeWriter>& version,
+                                                      size_t& changes) = 0;
 };
 
 }  // namespace QelSS

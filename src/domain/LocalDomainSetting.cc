@@ -309,10 +309,9 @@ void LocalDomainSetting::Arm() {
 // ---- Saving
 
 std::error_code LocalDomainSetting::TakeSaveJob(SaveJob& job) {
-  const std::error_code copied = Engine().CloneTree(job.tree);
-  if (copied != kSuccess) {
-    return Report("SaveSettings", "Failed to write settings to disk", Name(), copied);
-  }
+  // A committed version never changes, so the writer may read it off the
+  // domain queue without a copy.
+  job.tree = Engine().Tree();
   job.storage = storage_;
   job.path = domainFile_;
   job.name = Name();

@@ -146,21 +146,14 @@ std::error_code Transaction::GetTransactionRecord(std::shared_ptr<IHash>& record
 
 std::error_code Transaction::PrepareCommit(std::shared_ptr<IHash>& record,
                                            std::shared_ptr<IHash>& base,
-                                           std::shared_ptr<IHash>& version) {
+                                           std::shared_ptr<TreeWriter>& version, size_t& changes) {
   return RunOnQueue([&]() -> std::error_code {
-    std::shared_ptr<IArray> frozen;
-    if (std::error_code made = ArrayFactory::Create(frozen); made != kSuccess) return made;
-    std::error_code copied = make_error_code(kSuccess);
-    (void)changes_->Iterate([&](const std::shared_ptr<IValue>& change, unsigned int, bool& stop) {
-      copied = frozen->Append(change);
-      stop = copied != kSuccess;
-    });
-    if (copied != kSuccess) return copied;
-    if (std::error_code built = BuildRecord(frozen, record); built != kSuccess) return built;
+    if (std::error_code built = BuildRecord(changes_, record); built != kSuccess) return built;
+    changes = changes_->GetCount();
     if (!recordTakenOver_) {
       base = base_;
-      version = working_->Root();
-      working_->Seal();
+      version = std::make_shared<TreeWriter>(std::move(*working_));
+      working_ = std::make_unique<TreeWriter>(version->Root());
     }
     return make_error_code(kSuccess);
   });

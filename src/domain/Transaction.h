@@ -39,7 +39,7 @@ class Transaction final : public ITransaction, public ITransactionInternal {
   std::error_code SetTransactionRecord(const std::shared_ptr<IHash>& record) override;
   bool HasChanges() override;
   std::error_code PrepareCommit(std::shared_ptr<IHash>& record, std::shared_ptr<IHash>& base,
-                                std::shared_ptr<IHash>& version) override;
+                                std::shared_ptr<TreeWriter>& version, size_t& changes) override;
 
   // Records older than this many generations before the transaction's state are
   // refused. Kept equal to the depth of a domain's change history.

@@ -180,12 +180,21 @@ std::error_code CopyOf(const IHash& hash, std::shared_ptr<IHash>& out) {
 
 }  // namespace
 
+// Most transactions change a handful of hashes; a set pays off only beyond.
+constexpr size_t kSearchedCopies = 32;
+
 TreeWriter::TreeWriter(std::shared_ptr<IHash> root) : root_(std::move(root)) {}
+
+bool TreeWriter::Owns(const IHash* hash) const {
+  if (copies_.size() > kSearchedCopies) return owned_.count(hash) != 0;
+  return std::any_of(copies_.begin(), copies_.end(),
+                     [hash](const std::shared_ptr<IHash>& copy) { return copy.get() == hash; });
+}
 
 std::error_code TreeWriter::Own(std::vector<std::shared_ptr<IHash>>& levels,
                                 const std::vector<std::string>& components) {
   for (size_t i = 0; i < levels.size(); ++i) {
-    if (owned_.count(levels[i].get()) != 0) continue;
+    if (Owns(levels[i].get())) continue;
     std::shared_ptr<IHash> copy;
     if (std::error_code copied = CopyOf(*levels[i], copy); !Succeeded(copied)) return copied;
     // The parent is already this writer's: changing it in place is allowed.
@@ -195,8 +204,14 @@ std::error_code TreeWriter::Own(std::vector<std::shared_ptr<IHash>>& levels,
                !Succeeded(set)) {
       return set;
     }
-    owned_.insert(copy.get());
     copies_.push_back(copy);
+    if (copies_.size() > kSearchedCopies) {
+      if (owned_.empty()) {
+        for (const auto& made : copies_) owned_.insert(made.get());
+      } else {
+        owned_.insert(copy.get());
+      }
+    }
     levels[i] = std::move(copy);
   }
   return kSuccess;

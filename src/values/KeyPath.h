@@ -67,6 +67,8 @@ class TreeWriter {
   explicit TreeWriter(std::shared_ptr<IHash> root);
   TreeWriter(const TreeWriter&) = delete;
   TreeWriter& operator=(const TreeWriter&) = delete;
+  // Hands the tree over together with the copies this writer may change.
+  TreeWriter(TreeWriter&&) = default;
 
   // As KeyPath::Store and KeyPath::Remove, on the tree as this writer sees it.
   // A refusal copies nothing.
@@ -76,21 +78,19 @@ class TreeWriter {
   // The tree with every change so far.
   const std::shared_ptr<IHash>& Root() const noexcept { return root_; }
 
-  // Hands the tree over as it is: later changes copy what they change, as
-  // they did in the tree first handed in.
-  void Seal() noexcept { owned_.clear(); }
-
  private:
   // Makes every hash of `levels` (the root first, each the parent of the next
   // under `components`) this writer's own; `levels` then holds the copies.
   std::error_code Own(std::vector<std::shared_ptr<IHash>>& levels,
                       const std::vector<std::string>& components);
+  bool Owns(const IHash* hash) const;
 
   std::shared_ptr<IHash> root_;
   // The copies made so far, kept alive so that no other hash can ever be
   // mistaken for one at a reused address.
   std::vector<std::shared_ptr<IHash>> copies_;
-  std::unordered_set<const IHash*> owned_;  // the addresses of copies_
+  // The addresses of copies_, once there are too many to search one by one.
+  std::unordered_set<const IHash*> owned_;
 };
 
 }  // namespace QelSS
