@@ -23,24 +23,66 @@ HashTable::HashTable(HashEntries&& entries) {
   }
 }
 
+HashTable::HashTable(const HashTable& other)
+    : leaves_(other.leaves_), owned_(other.leaves_.size(), false), size_(other.size_) {
+  other.owned_.assign(other.leaves_.size(), false);
+}
+
+HashTable& HashTable::operator=(const HashTable& other) {
+  if (this != &other) {
+    leaves_ = other.leaves_;
+    owned_.assign(leaves_.size(), false);
+    other.owned_.assign(other.leaves_.size(), false);
+    size_ = other.size_;
+  }
+  return *this;
+}
+
 HashTable::Slot HashTable::End() const noexcept {
   if (leaves_.empty()) return {};
-  return {leaves_.size() - 1, leaves_.back().size()};
+  return {leaves_.size() - 1, leaves_.back()->size()};
+}
+
+HashTable::Leaf& HashTable::Own(size_t index) {
+  if (!owned_[index]) {
+    leaves_[index] = std::make_shared<Leaf>(*leaves_[index]);
+    owned_[index] = true;
+  }
+  return *leaves_[index];
+}
+
+void HashTable::InsertLeaf(size_t index, Leaf&& leaf) {
+  // Room first, so that nothing fails once the two indexes start to change.
+  leaves_.reserve(leaves_.size() + 1);
+  owned_.reserve(owned_.size() + 1);
+  auto made = std::make_shared<Leaf>(std::move(leaf));
+  leaves_.insert(leaves_.begin() + static_cast<std::ptrdiff_t>(index), std::move(made));
+  owned_.insert(owned_.begin() + static_cast<std::ptrdiff_t>(index), true);
+}
+
+void HashTable::EraseLeaf(size_t index) {
+  leaves_.erase(leaves_.begin() + static_cast<std::ptrdiff_t>(index));
+  owned_.erase(owned_.begin() + static_cast<std::ptrdiff_t>(index));
+  if (leaves_.size() * 4 < leaves_.capacity()) {
+    leaves_.shrink_to_fit();
+    owned_.shrink_to_fit();
+  }
 }
 
 HashTable::Slot HashTable::LowerBound(const char* key) const {
-  auto leaf = std::partition_point(leaves_.begin(), leaves_.end(), [key](const Leaf& candidate) {
-    return KeyLess(candidate.back(), key);
-  });
+  auto leaf = std::partition_point(
+      leaves_.begin(), leaves_.end(),
+      [key](const std::shared_ptr<Leaf>& candidate) { return KeyLess(candidate->back(), key); });
   if (leaf == leaves_.end()) return End();
-  auto entry = std::lower_bound(leaf->begin(), leaf->end(), key, KeyLess);
-  return {static_cast<size_t>(leaf - leaves_.begin()), static_cast<size_t>(entry - leaf->begin())};
+  auto entry = std::lower_bound((*leaf)->begin(), (*leaf)->end(), key, KeyLess);
+  return {static_cast<size_t>(leaf - leaves_.begin()),
+          static_cast<size_t>(entry - (*leaf)->begin())};
 }
 
 bool HashTable::Add(Entry&& entry) {
   const char* key = entry.first->GetCString();
   Slot slot = End();
-  if (!leaves_.empty() && !KeyLess(leaves_.back().back(), key)) {
+  if (!leaves_.empty() && !KeyLess(leaves_.back()->back(), key)) {
     slot = LowerBound(key);
     if (Holds(slot, key)) return false;
   }
@@ -49,8 +91,8 @@ bool HashTable::Add(Entry&& entry) {
 }
 
 bool HashTable::Holds(const Slot& slot, const char* key) const {
-  return slot.leaf < leaves_.size() && slot.index < leaves_[slot.leaf].size() &&
-         std::strcmp(leaves_[slot.leaf][slot.index].first->GetCString(), key) == 0;
+  return slot.leaf < leaves_.size() && slot.index < leaves_[slot.leaf]->size() &&
+         std::strcmp((*leaves_[slot.leaf])[slot.index].first->GetCString(), key) == 0;
 }
 
 void HashTable::InsertAt(const Slot& slot, Entry&& entry) {
@@ -60,25 +102,25 @@ void HashTable::InsertAt(const Slot& slot, Entry&& entry) {
     // A new last leaf instead of a split, so that a table filled in key order
     // is left with full leaves.
     Leaf fresh;
+    fresh.reserve(1);
     fresh.push_back(std::move(entry));
-    leaves_.push_back(std::move(fresh));
+    InsertLeaf(leaves_.size(), std::move(fresh));
   } else {
-    const Slot target = leaves_[slot.leaf].size() < kLeafCapacity ? slot : SplitFor(slot);
-    Leaf& leaf = leaves_[target.leaf];
+    const Slot target = leaves_[slot.leaf]->size() < kLeafCapacity ? slot : SplitFor(slot);
+    Leaf& leaf = Own(target.leaf);
     leaf.insert(leaf.begin() + static_cast<std::ptrdiff_t>(target.index), std::move(entry));
   }
   ++size_;
 }
 
 HashTable::Slot HashTable::SplitFor(const Slot& slot) {
-  // Room first: once entries have moved to the new leaf, nothing may fail
-  // before it is in the index.
-  leaves_.reserve(leaves_.size() + 1);
-  Leaf& full = leaves_[slot.leaf];
+  Leaf& full = Own(slot.leaf);
   const auto half = static_cast<std::ptrdiff_t>(full.size() / 2);
-  Leaf upper(std::make_move_iterator(full.begin() + half), std::make_move_iterator(full.end()));
-  full.erase(full.begin() + half, full.end());
-  leaves_.insert(leaves_.begin() + static_cast<std::ptrdiff_t>(slot.leaf) + 1, std::move(upper));
+  Leaf upper(full.begin() + half, full.end());
+  InsertLeaf(slot.leaf + 1, std::move(upper));
+  // Only now, with the upper half safely in the index, may the lower shrink.
+  Leaf& lower = *leaves_[slot.leaf];
+  lower.erase(lower.begin() + half, lower.end());
   if (slot.index <= static_cast<size_t>(half)) return slot;
   return {slot.leaf + 1, slot.index - static_cast<size_t>(half)};
 }
@@ -86,7 +128,7 @@ HashTable::Slot HashTable::SplitFor(const Slot& slot) {
 bool HashTable::Erase(const char* key, Entry& removed) {
   const Slot slot = LowerBound(key);
   if (!Holds(slot, key)) return false;
-  Leaf& leaf = leaves_[slot.leaf];
+  Leaf& leaf = Own(slot.leaf);
   removed = std::move(leaf[slot.index]);
   leaf.erase(leaf.begin() + static_cast<std::ptrdiff_t>(slot.index));
   --size_;
@@ -95,10 +137,9 @@ bool HashTable::Erase(const char* key, Entry& removed) {
 }
 
 void HashTable::AfterErase(size_t index) {
-  Leaf& leaf = leaves_[index];
+  const Leaf& leaf = *leaves_[index];
   if (leaf.empty()) {
-    leaves_.erase(leaves_.begin() + static_cast<std::ptrdiff_t>(index));
-    if (leaves_.size() * 4 < leaves_.capacity()) leaves_.shrink_to_fit();
+    EraseLeaf(index);
     return;
   }
   if (leaf.size() > kLeafCapacity / 4) return;
@@ -107,23 +148,22 @@ void HashTable::AfterErase(size_t index) {
   } else if (index > 0 && FitInOne(index - 1)) {
     Join(index - 1);
   } else if (leaf.size() * 4 <= leaf.capacity()) {
-    leaf.shrink_to_fit();
+    Own(index).shrink_to_fit();
   }
 }
 
 bool HashTable::FitInOne(size_t left) const noexcept {
-  return leaves_[left].size() + leaves_[left + 1].size() <= kLeafCapacity;
+  return leaves_[left]->size() + leaves_[left + 1]->size() <= kLeafCapacity;
 }
 
 void HashTable::Join(size_t left) noexcept {
   // Joining may need memory. Without it the table stays as it is, which is
   // still valid: the leaf is only sparse.
   try {
-    Leaf& into = leaves_[left];
-    Leaf& from = leaves_[left + 1];
-    into.insert(into.end(), std::make_move_iterator(from.begin()),
-                std::make_move_iterator(from.end()));
-    leaves_.erase(leaves_.begin() + static_cast<std::ptrdiff_t>(left) + 1);
+    Leaf& into = Own(left);
+    const Leaf& from = *leaves_[left + 1];
+    into.insert(into.end(), from.begin(), from.end());
+    EraseLeaf(left + 1);
   } catch (const std::bad_alloc&) {
   }
 }

@@ -15,15 +15,21 @@ namespace QelSS {
 // unique by key text.
 //
 // A red-black tree node per entry costs 80 bytes on the heap for 32 bytes of
-// pointers, and a domain's tree is deep-copied by every transaction. Here the
-// entries sit in sorted leaves of at most kLeafCapacity, and the leaves in key
-// order in one index: a lookup is a binary search over the leaves' last keys
-// and then within one leaf; an insertion shifts at most one leaf and splits it
-// when full; a copy is one allocation per leaf. Filled in key order (copies,
-// loads, platform dictionaries) the leaves are full, about 33 bytes an entry;
-// filled at random they are two-thirds full on average.
+// pointers. Here the entries sit in sorted leaves of at most kLeafCapacity,
+// and the leaves in key order in one index: a lookup is a binary search over
+// the leaves' last keys and then within one leaf; an insertion shifts at most
+// one leaf and splits it when full. Filled in key order (copies, loads,
+// platform dictionaries) the leaves are full, about 33 bytes an entry; filled
+// at random they are two-thirds full on average.
 //
-// Not thread-safe: the hash that owns it runs every access on its queue.
+// A copy shares the leaves: it costs one pointer per leaf, so that a domain's
+// commit, which copies the hashes on its path, does not pay for their width.
+// A table changes only leaves it made itself since it was last copied (or
+// copied from); any other leaf is copied first, so a shared leaf is never
+// written and tables that share leaves may live on different threads.
+//
+// Not thread-safe: the hash that owns it runs every access on its queue, a
+// copy included (the copy takes the source's leaves from it).
 class HashTable {
  public:
   using Entry = std::pair<std::shared_ptr<IString>, std::shared_ptr<IValue>>;
@@ -39,17 +45,22 @@ class HashTable {
   HashTable() = default;
   // Takes the entries of `entries`, leaving it empty.
   explicit HashTable(HashEntries&& entries);
-  // A copy allocates each leaf at its exact size.
-  HashTable(const HashTable&) = default;
-  HashTable& operator=(const HashTable&) = default;
+  // Both tables share the leaves afterwards, and neither writes to them.
+  HashTable(const HashTable& other);
+  HashTable& operator=(const HashTable& other);
   // Moves leave the source empty.
   HashTable(HashTable&& other) noexcept
-      : leaves_(std::move(other.leaves_)), size_(std::exchange(other.size_, 0)) {
+      : leaves_(std::move(other.leaves_)),
+        owned_(std::move(other.owned_)),
+        size_(std::exchange(other.size_, 0)) {
     other.leaves_.clear();
+    other.owned_.clear();
   }
   HashTable& operator=(HashTable&& other) noexcept {
     leaves_ = std::move(other.leaves_);
+    owned_ = std::move(other.owned_);
     other.leaves_.clear();
+    other.owned_.clear();
     size_ = std::exchange(other.size_, 0);
     return *this;
   }
@@ -61,8 +72,8 @@ class HashTable {
   Slot LowerBound(const char* key) const;
   // True when `slot` holds an entry with exactly the text `key`.
   bool Holds(const Slot& slot, const char* key) const;
-  Entry& At(const Slot& slot) { return leaves_[slot.leaf][slot.index]; }
-  const Entry& At(const Slot& slot) const { return leaves_[slot.leaf][slot.index]; }
+  Entry& At(const Slot& slot) { return Own(slot.leaf)[slot.index]; }
+  const Entry& At(const Slot& slot) const { return (*leaves_[slot.leaf])[slot.index]; }
 
   // Puts a new entry at `slot`, which LowerBound gave for the entry's key.
   void InsertAt(const Slot& slot, Entry&& entry);
@@ -76,8 +87,8 @@ class HashTable {
   void RemoveIf(Drop&& drop) {
     if (VisitInOrder([&](const Entry& entry) { return !drop(entry); })) return;
     HashTable kept;
-    for (auto& leaf : leaves_) {
-      for (Entry& entry : leaf) {
+    for (size_t i = 0; i < leaves_.size(); ++i) {
+      for (Entry& entry : Own(i)) {
         if (!drop(entry)) kept.InsertAt(kept.End(), std::move(entry));
       }
     }
@@ -93,7 +104,7 @@ class HashTable {
   template <typename Visit>
   bool VisitInOrder(Visit&& visit) const {
     for (const auto& leaf : leaves_) {
-      for (const Entry& entry : leaf) {
+      for (const Entry& entry : *leaf) {
         if (!visit(entry)) return false;
       }
     }
@@ -101,8 +112,8 @@ class HashTable {
   }
   template <typename Visit>
   bool VisitInOrder(Visit&& visit) {
-    for (auto& leaf : leaves_) {
-      for (Entry& entry : leaf) {
+    for (size_t i = 0; i < leaves_.size(); ++i) {
+      for (Entry& entry : Own(i)) {
         if (!visit(entry)) return false;
       }
     }
@@ -113,6 +124,11 @@ class HashTable {
   using Leaf = std::vector<Entry>;
 
   Slot End() const noexcept;
+  // Leaf `index`, made this table's own first when it is not.
+  Leaf& Own(size_t index);
+  // Puts `leaf` (this table's own) into the index at `index`.
+  void InsertLeaf(size_t index, Leaf&& leaf);
+  void EraseLeaf(size_t index);
   // Makes room in the full leaf of `slot` and answers where the entry now goes.
   Slot SplitFor(const Slot& slot);
   // Joins a leaf that erasing left sparse with a neighbour, or frees it when
@@ -124,7 +140,10 @@ class HashTable {
 
   // Every leaf is sorted and non-empty; the last key of each is less than the
   // first key of the next.
-  std::vector<Leaf> leaves_;
+  std::vector<std::shared_ptr<Leaf>> leaves_;
+  // owned_[i]: leaves_[i] was made by this table and no other table holds it.
+  // Mutable because a copy takes ownership away from its source too.
+  mutable std::vector<bool> owned_;
   size_t size_ = 0;
 };
 
