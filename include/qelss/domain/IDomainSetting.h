@@ -25,14 +25,17 @@ class QELSS_EXPORT IDomainSetting {
   // Copies the domain's name, lower-cased. kSuccess; kFailure if copying fails.
   [[nodiscard]] virtual std::error_code GetName(std::string& name) = 0;
 
-  // `value` shares the value at `path` in the committed state. kNotFound when a
-  // level of the path is absent or not a hash; kInvalidArgument for a path
-  // without components. `value` is untouched on failure.
+  // `value` shares the value at `path` in the committed state. Commits never
+  // change a committed state, so a hash read here keeps what it held when it
+  // was read; changing it changes every state that shares it, so copy it
+  // first. kNotFound when a level of the path is absent or not a hash;
+  // kInvalidArgument for a path without components. `value` is untouched on
+  // failure.
   [[nodiscard]] virtual std::error_code Get(const std::string& path,
                                             std::shared_ptr<IValue>& value) = 0;
 
-  // A new transaction over a deep copy of the current state. Its cost grows
-  // with the size of the domain.
+  // A new transaction over the current state. It copies only the hashes on the
+  // paths it changes, so its cost follows its changes, not the domain's size.
   [[nodiscard]] virtual std::error_code CreateTransaction(
       std::shared_ptr<ITransaction>& transaction) = 0;
 

@@ -13,8 +13,8 @@ namespace QelSS {
 // IDomainSetting::CreateTransaction and handed back to
 // IDomainSetting::CommitTransaction.
 //
-// A transaction works on its own copy of the domain's settings as they stood
-// when it was made: its changes are invisible to readers of the domain until
+// A transaction works on its own version of the domain's settings as they
+// stood when it was made (sharing every hash it has not changed): its changes are invisible to readers of the domain until
 // the commit, and changes committed meanwhile by others are invisible to it.
 // Each effective change is recorded in order; changes that would change
 // nothing (deleting what is absent, storing an equal value) are not recorded.
