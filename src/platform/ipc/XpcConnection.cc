@@ -8,13 +8,17 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <asio/bind_executor.hpp>
+#include <asio/error.hpp>
 #include <asio/local/stream_protocol.hpp>
 #include <asio/post.hpp>
 #include <asio/strand.hpp>
@@ -29,6 +33,21 @@
 
 namespace QelSS::platform::ipc {
 namespace {
+
+// Asio's error categories are statics of their own, destroyed at exit like
+// any other. The worker pool runs on through exit and may still complete a
+// socket operation there, which compares codes of those categories. Made
+// before the rest of the process's statics, they are destroyed after all of
+// them, by when no connection of ours is left working.
+struct AsioCategoriesFirst {
+  AsioCategoriesFirst() {
+    (void)asio::system_category();
+    (void)asio::error::get_misc_category();
+    (void)asio::error::get_netdb_category();
+    (void)asio::error::get_addrinfo_category();
+  }
+};
+__attribute__((init_priority(101))) const AsioCategoriesFirst kAsioCategoriesFirst;
 
 // A retained queue handle.
 class QueueRef {
@@ -46,6 +65,8 @@ class QueueRef {
  private:
   dispatch_queue_t queue_ = nullptr;
 };
+
+constexpr std::chrono::seconds kCloseWait{2};
 
 struct PendingReply {
   QueueRef queue;
@@ -95,9 +116,16 @@ class Link : public std::enable_shared_from_this<Link> {
   // The awaited replies and the handler hear of the end before this returns,
   // so that a queue finished right after still runs them; the socket closes
   // on the strand.
+  // Then waits (at most kCloseWait) until the socket is closed and its last
+  // operation has finished: those finish on the worker pool with codes of
+  // asio's error categories, which a process that leaves right after destroys.
   void Cancel() {
     EndState();
     asio::post(strand_, [self = shared_from_this()] { self->CloseSocket(); });
+    if (strand_.running_in_this_thread()) return;
+    WorkerPool::BlockingScope blocking;
+    std::unique_lock lock(closeMutex_);
+    quiet_.wait_for(lock, kCloseWait, [this] { return closed_ && operations_ == 0; });
   }
 
   void Send(xpc_object_t message, dispatch_queue_t replyQueue, xpc_handler_t reply) {
@@ -161,7 +189,9 @@ class Link : public std::enable_shared_from_this<Link> {
       End();  // a path too long for a socket address
       return;
     }
+    Started();
     socket_.async_connect(endpoint, [self = shared_from_this()](const std::error_code& error) {
+      const Finished finished(*self);
       if (error) {
         self->End();
         return;
@@ -177,8 +207,10 @@ class Link : public std::enable_shared_from_this<Link> {
   }
 
   void ReadMore() {
+    Started();
     socket_.async_read_some(asio::buffer(chunk_),
                             [self = shared_from_this()](const std::error_code& error, size_t n) {
+                              const Finished finished(*self);
                               if (error) {
                                 self->End();
                                 return;
@@ -255,8 +287,10 @@ class Link : public std::enable_shared_from_this<Link> {
       inFlight_.swap(outgoing_);
       outgoing_.clear();
     }
+    Started();
     asio::async_write(socket_, asio::buffer(inFlight_),
                       [self = shared_from_this()](const std::error_code& error, size_t) {
+                        const Finished finished(*self);
                         if (error) {
                           self->End();
                           return;
@@ -273,7 +307,29 @@ class Link : public std::enable_shared_from_this<Link> {
   void CloseSocket() {
     std::error_code ignored;
     socket_.close(ignored);
+    std::lock_guard lock(closeMutex_);
+    closed_ = true;
+    quiet_.notify_all();
   }
+
+  // Counts the socket operations under way, for Cancel.
+  void Started() {
+    std::lock_guard lock(closeMutex_);
+    ++operations_;
+  }
+  class Finished {
+   public:
+    explicit Finished(Link& link) : link_(link) {}
+    ~Finished() {
+      std::lock_guard lock(link_.closeMutex_);
+      if (--link_.operations_ == 0) link_.quiet_.notify_all();
+    }
+    Finished(const Finished&) = delete;
+    Finished& operator=(const Finished&) = delete;
+
+   private:
+    Link& link_;
+  };
 
   // ---- From any thread.
 
@@ -296,6 +352,11 @@ class Link : public std::enable_shared_from_this<Link> {
   std::array<uint8_t, 64 * 1024> chunk_{};
   FrameReader reader_;
   std::vector<uint8_t> inFlight_;
+
+  std::mutex closeMutex_;
+  std::condition_variable quiet_;
+  bool closed_ = false;  // guarded by closeMutex_
+  int operations_ = 0;   // guarded by closeMutex_
 
   Mutex mutex_;
   State state_ QELSS_GUARDED_BY(mutex_) = State::kSuspended;
