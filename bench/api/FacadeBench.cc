@@ -99,6 +99,22 @@ void BM_FacadeGetLongLong(benchmark::State& state) {
 }
 BENCHMARK(BM_FacadeGetLongLong)->Arg(1000)->Arg(10000);
 
+// One facade read by one and by two threads at once: the reads per second of
+// the whole run (items_per_second) show how reading scales.
+void BM_FacadeGetThreads(benchmark::State& state) {
+  QSSDomain* facade = Domain(state);
+  if (!facade) return;
+  const std::vector<std::string> paths = SomePaths(static_cast<int>(state.range(0)));
+  size_t next = static_cast<size_t>(state.thread_index()) * 7 % paths.size();
+  for (auto _ : state) {
+    long long value = 0;
+    benchmark::DoNotOptimize(facade->Get(paths[next].c_str(), value));
+    if (++next == paths.size()) next = 0;
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_FacadeGetThreads)->Arg(1000)->Threads(1)->Threads(2)->UseRealTime();
+
 void BM_FacadeSetCommit(benchmark::State& state) {
   QSSDomain* facade = Domain(state);
   if (!facade) return;

@@ -60,6 +60,7 @@ CommitEngine::CommitEngine(std::string name, bool remote)
   std::error_code rc = DomainRoot::Create(settings_);
   if (rc == kSuccess) rc = DomainRoot::GetInternalSettings(settings_, tree_);
   if (rc != kSuccess) throw QelSharedSettingsException(rc, "DomainSettings: Failed to init");
+  published_.store(tree_, std::memory_order_release);
 }
 
 int64_t CommitEngine::GenerationCount() const {
@@ -193,6 +194,7 @@ void CommitEngine::Publish(std::shared_ptr<IHash> root) {
   (void)DomainRoot::GetInternalSettings(root, tree);
   settings_ = std::move(root);
   tree_ = std::move(tree);
+  published_.store(tree_, std::memory_order_release);
 }
 
 std::error_code CommitEngine::AdoptTransaction(const std::shared_ptr<IHash>& record,
@@ -277,6 +279,7 @@ std::error_code CommitEngine::ReplaceSettings(std::shared_ptr<IHash> root) {
   }
   settings_ = std::move(root);
   tree_ = std::move(tree);
+  published_.store(tree_, std::memory_order_release);
   history_.Clear();
   return kSuccess;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -35,6 +36,12 @@ class CommitEngine {
   // every hash it did not change, so what a reader or transaction holds stays
   // as it was, on any thread.
   const std::shared_ptr<IHash>& Tree() const noexcept { return tree_; }
+  // The same tree for a reader on any thread, without the owner's queue: a
+  // read never waits for a commit in progress, and sees the version before it
+  // or the one after, whole.
+  std::shared_ptr<IHash> PublishedTree() const noexcept {
+    return published_.load(std::memory_order_acquire);
+  }
 
   // The stored root (count and tree) of the current version: what a
   // transaction starts from and a snapshot writes, without a copy.
@@ -123,6 +130,8 @@ class CommitEngine {
   // read starts from it; only ReplaceSettings changes which hashes the two are.
   std::shared_ptr<IHash> settings_;
   std::shared_ptr<IHash> tree_;
+  // tree_, for readers on other threads.
+  std::atomic<std::shared_ptr<IHash>> published_;
   ChangeHistory history_;
 };
 

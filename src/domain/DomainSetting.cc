@@ -79,7 +79,13 @@ std::error_code DomainSetting::GetName(std::string& name) {
 }
 
 std::error_code DomainSetting::Get(const std::string& path, std::shared_ptr<IValue>& value) {
-  return RunOnDomainQueue("Get", [&] { return KeyPath::Lookup(engine_.Tree(), path, value); });
+  // Off the domain queue: a committed version never changes.
+  try {
+    return KeyPath::Lookup(engine_.PublishedTree(), path, value);
+  } catch (...) {
+    ReportCaughtException(1, kReportTag, "Get");
+    return kFailure;
+  }
 }
 
 std::error_code DomainSetting::CreateTransaction(std::shared_ptr<ITransaction>& transaction) {

@@ -118,14 +118,36 @@ std::vector<std::string> KeyPath::Split(std::string_view path) {
   return components;
 }
 
+// Every read of a setting comes through here, so the path is walked in place:
+// one key buffer (short keys need no allocation), no list of components, no
+// list of levels.
 std::error_code KeyPath::Lookup(const std::shared_ptr<IHash>& tree, std::string_view path,
                                 std::shared_ptr<IValue>& out) {
-  std::vector<std::string> components = Split(path);
-  if (!tree || components.empty()) return kInvalidArgument;
-  std::shared_ptr<IHash> parent;
-  std::error_code result = FindParent(tree, components, parent);
-  if (!Succeeded(result)) return result;
-  return parent->Get(components.back().c_str(), out);
+  if (!tree) return kInvalidArgument;
+  const IHash* level = tree.get();
+  std::shared_ptr<IValue> found;  // also keeps `level` alive below the top
+  std::string key;
+  size_t start = 0;
+  bool any = false;
+  while (true) {
+    start = path.find_first_not_of('/', start);
+    if (start == std::string_view::npos) break;
+    size_t end = path.find('/', start);
+    if (end == std::string_view::npos) end = path.size();
+    if (any) {
+      level = dynamic_cast<const IHash*>(found.get());
+      if (level == nullptr) return kNotFound;
+    }
+    key.assign(path.substr(start, end - start));
+    std::shared_ptr<IValue> next;
+    if (std::error_code got = level->Get(key.c_str(), next); !Succeeded(got)) return got;
+    found = std::move(next);
+    any = true;
+    start = end;
+  }
+  if (!any) return kInvalidArgument;
+  out = std::move(found);
+  return kSuccess;
 }
 
 std::error_code KeyPath::Store(const std::shared_ptr<IHash>& tree, std::string_view path,
