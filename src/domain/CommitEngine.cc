@@ -60,7 +60,7 @@ CommitEngine::CommitEngine(std::string name, bool remote)
   std::error_code rc = DomainRoot::Create(settings_);
   if (rc == kSuccess) rc = DomainRoot::GetInternalSettings(settings_, tree_);
   if (rc != kSuccess) throw QelSharedSettingsException(rc, "DomainSettings: Failed to init");
-  published_.store(tree_, std::memory_order_release);
+  Publish();
 }
 
 int64_t CommitEngine::GenerationCount() const {
@@ -188,13 +188,21 @@ std::error_code CommitEngine::ApplyChanges(TreeWriter& writer, const std::vector
   return kSuccess;
 }
 
+void CommitEngine::Publish() {
+  std::shared_ptr<IHash> previous;
+  platform::MutexLock lock(publishedMutex_);
+  // The version replaced is let go of outside the lock: it may be the last
+  // reference to a large tree.
+  previous = std::exchange(published_, tree_);
+}
+
 void CommitEngine::Publish(std::shared_ptr<IHash> root) {
   std::shared_ptr<IHash> tree;
   // The writer changed what was there, so the tree is where it was.
   (void)DomainRoot::GetInternalSettings(root, tree);
   settings_ = std::move(root);
   tree_ = std::move(tree);
-  published_.store(tree_, std::memory_order_release);
+  Publish();
 }
 
 std::error_code CommitEngine::AdoptTransaction(const std::shared_ptr<IHash>& record,
@@ -279,7 +287,7 @@ std::error_code CommitEngine::ReplaceSettings(std::shared_ptr<IHash> root) {
   }
   settings_ = std::move(root);
   tree_ = std::move(tree);
-  published_.store(tree_, std::memory_order_release);
+  Publish();
   history_.Clear();
   return kSuccess;
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -9,6 +8,7 @@
 
 #include "domain/ChangeHistory.h"
 #include "domain/ChangeRecord.h"
+#include "platform/support/Mutex.h"
 #include "qelss/values/IHash.h"
 #include "values/KeyPath.h"
 
@@ -39,8 +39,9 @@ class CommitEngine {
   // The same tree for a reader on any thread, without the owner's queue: a
   // read never waits for a commit in progress, and sees the version before it
   // or the one after, whole.
-  std::shared_ptr<IHash> PublishedTree() const noexcept {
-    return published_.load(std::memory_order_acquire);
+  std::shared_ptr<IHash> PublishedTree() const {
+    platform::MutexLock lock(publishedMutex_);
+    return published_;
   }
 
   // The stored root (count and tree) of the current version: what a
@@ -119,6 +120,8 @@ class CommitEngine {
   std::error_code RaiseCount(TreeWriter& writer) const;
   // Makes `root` (a stored root) the state.
   void Publish(std::shared_ptr<IHash> root);
+  // Hands tree_ to readers on other threads.
+  void Publish();
   std::error_code RememberChanges(const std::vector<Change>& changes);
   std::error_code CheckDomainName(const std::shared_ptr<IHash>& record) const;
   std::error_code ReportInvalid(const char* message, std::error_code code, int64_t inCount,
@@ -130,8 +133,9 @@ class CommitEngine {
   // read starts from it; only ReplaceSettings changes which hashes the two are.
   std::shared_ptr<IHash> settings_;
   std::shared_ptr<IHash> tree_;
-  // tree_, for readers on other threads.
-  std::atomic<std::shared_ptr<IHash>> published_;
+  // tree_, for readers on other threads; held only to copy the pointer.
+  mutable platform::Mutex publishedMutex_;
+  std::shared_ptr<IHash> published_ QELSS_GUARDED_BY(publishedMutex_);
   ChangeHistory history_;
 };
 
