@@ -82,6 +82,8 @@ TEST_F(PredefineServiceTest, FilesThereAtStartAndDroppedLaterReachTheClients) {
   EXPECT_EQ(testing::IntAt(*live, "a"), 2);
   EXPECT_EQ(std::get<0>(list[1]), "/b/c");
   EXPECT_EQ(testing::GenerationOf(*live), 1);
+  // The file moves once the commit is durable, which may be after the push.
+  EXPECT_TRUE(ImportedWithin("com.example.live.xml"));
   EXPECT_TRUE(fs::is_empty(Folder("Domains")));
 }
 
