@@ -64,6 +64,34 @@ TEST(SerialQueue, SyncOnAnIdleQueueRunsOnTheCallingThreadAndAsyncNeverDoes) {
   EXPECT_NE(asyncThread.get_future().get(), std::this_thread::get_id());
 }
 
+// TrySync runs at once on the caller's thread or not at all: never while
+// another block runs or waits, never from the queue's own block, never once
+// the queue is finished.
+TEST(SerialQueue, TrySyncRunsOnlyWhenNothingIsInTheWay) {
+  auto queue = MakeQueue();
+  std::thread::id ran;
+  EXPECT_TRUE(queue->TrySync(kTag, kRunNoFlags, [&] { ran = std::this_thread::get_id(); }));
+  EXPECT_EQ(ran, std::this_thread::get_id());
+
+  std::latch started(1), release(1);
+  EXPECT_TRUE(queue->Async(kTag, kRunNoFlags, [&] {
+    started.count_down();
+    release.wait();
+  }));
+  started.wait();
+  bool ranWhileBusy = false;
+  EXPECT_FALSE(queue->TrySync(kTag, kRunNoFlags, [&] { ranWhileBusy = true; }));
+  release.count_down();
+  EXPECT_TRUE(queue->Sync(kTag, kRunNoFlags, [&] {
+    EXPECT_FALSE(queue->TrySync(kTag, kRunNoFlags, [&] { ranWhileBusy = true; }));
+  }));
+  EXPECT_FALSE(ranWhileBusy);
+
+  EXPECT_FALSE(queue->Finish(5, DispatchQueue::kFinishRunPending));
+  EXPECT_FALSE(queue->TrySync(kTag, kRunNoFlags, [&] { ranWhileBusy = true; }));
+  EXPECT_FALSE(ranWhileBusy);
+}
+
 // Each submitter's blocks must run in its own submission order, whether
 // submitted synchronously or not, and none may be lost.
 TEST(SerialQueue, KeepsEachSubmittersOrderAcrossManyThreads) {

@@ -5,6 +5,7 @@
 // follow it. Everything runs on the domain's own serial queue, so commits to
 // different domains never wait for each other.
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -84,6 +85,8 @@ class ServedDomain : public std::enable_shared_from_this<ServedDomain> {
   std::shared_ptr<DispatchQueue::IQueue> queue_;
   // On the domain queue only.
   std::unique_ptr<CommitEngine> engine_;
+  // Set once engine_ is loaded, for the I/O thread's look before a commit.
+  std::atomic<bool> loaded_{false};
   std::unique_ptr<Journal> journal_;
   std::vector<std::weak_ptr<Session>> followers_;
   bool dirty_ = false;

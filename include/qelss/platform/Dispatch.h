@@ -7,8 +7,8 @@
 // change lists asynchronously on a queue of the application's choosing. The
 // queue itself is cheap: creating one costs no thread and no system call, and a
 // synchronous run on an idle queue executes on the caller's thread, taking and
-// giving back the queue with one atomic compare-exchange each. Asynchronous work drains on a small worker pool shared by the
-// whole process, started on first use and never torn down, so queues keep
+// giving back the queue with one atomic compare-exchange each. Asynchronous work drains on a small
+// worker pool shared by the whole process, started on first use and never torn down, so queues keep
 // working inside exit handlers.
 //
 // Two views of one queue exist: DispatchQueue::IQueue (owned through
@@ -104,6 +104,14 @@ class QELSS_EXPORT IQueue {
   // block is then not run). Calling it from a block running on the same queue,
   // directly or through other queues' synchronous runs, aborts the process.
   virtual bool Sync(uint32_t tag, uint32_t flags, QelSS::FunctionRef<void()> block) = 0;
+
+  // Runs `block` at once on the calling thread, as Sync does, but only when
+  // the queue is idle (nothing running, nothing waiting, not finished), and
+  // then returns true; otherwise returns false at once without running it. It
+  // never waits, so a thread that must not block (an I/O thread) can skip the
+  // hop to a pool thread whenever nothing is in the way. This default never
+  // runs the block.
+  virtual bool TrySync(uint32_t tag, uint32_t flags, QelSS::FunctionRef<void()> block);
 
   // Queues `block` and returns at once; it runs later on a pool thread, never
   // on the calling thread. Returns false, destroying the block unrun, when the

@@ -28,6 +28,8 @@ bool IsKnownQos(qos_class_t qos) {
 
 IQueue::~IQueue() = default;
 
+bool IQueue::TrySync(uint32_t, uint32_t, QelSS::FunctionRef<void()>) { return false; }
+
 std::error_code QueueFactory::Create(std::shared_ptr<IQueue>& out, Type type, const char* label,
                                      qos_class_t qos) {
   using QelSS::platform::SerialQueue;

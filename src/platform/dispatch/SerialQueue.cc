@@ -80,6 +80,17 @@ bool SerialQueue::Sync(uint32_t tag, uint32_t flags, QelSS::FunctionRef<void()> 
   return true;
 }
 
+bool SerialQueue::TrySync(uint32_t tag, uint32_t flags, QelSS::FunctionRef<void()> block) {
+  if (IsRunningOnThisThread(this)) return false;
+  uint32_t idle = 0;
+  if (!state_.compare_exchange_strong(idle, kOwned, std::memory_order_acquire,
+                                      std::memory_order_relaxed)) {
+    return false;
+  }
+  RunOwned(tag, flags, block);
+  return true;
+}
+
 void SerialQueue::RunOwned(uint32_t tag, uint32_t flags, QelSS::FunctionRef<void()> block) {
   // Gives the queue back also when the block throws, after the frame is gone.
   struct Owner {

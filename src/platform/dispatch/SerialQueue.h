@@ -34,6 +34,7 @@ class SerialQueue final : public DispatchQueue::IQueue {
   void Release() noexcept;
 
   bool Sync(uint32_t tag, uint32_t flags, QelSS::FunctionRef<void()> block) override;
+  bool TrySync(uint32_t tag, uint32_t flags, QelSS::FunctionRef<void()> block) override;
   bool Async(uint32_t tag, uint32_t flags, std::function<void()> block) override;
   std::error_code Finish(unsigned waitSeconds, unsigned flags) override;
   dispatch_queue_t GetDispatchQueue() noexcept override {
