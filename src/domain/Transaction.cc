@@ -83,7 +83,7 @@ std::error_code Transaction::CheckTree() const {
 
 std::error_code Transaction::Delete(const std::string& path) {
   return RunOnQueue([&]() -> std::error_code {
-    if (KeyPath::Split(path).empty()) return kInvalidArgument;
+    if (path.find_first_not_of('/') == std::string::npos) return kInvalidArgument;
     if (std::error_code checked = CheckTree(); checked != kSuccess) return checked;
     std::error_code removed = working_->Remove(InTree(path));
     if (removed == kNotFound) return kSuccess;
@@ -98,7 +98,7 @@ std::error_code Transaction::Set(const std::string& path, const std::shared_ptr<
     return storable;
   }
   return RunOnQueue([&]() -> std::error_code {
-    if (KeyPath::Split(path).empty()) return kInvalidArgument;
+    if (path.find_first_not_of('/') == std::string::npos) return kInvalidArgument;
     if (std::error_code checked = CheckTree(); checked != kSuccess) return checked;
     std::error_code stored = working_->Store(InTree(path), value);
     if (stored == kOperationRefused) return kSuccess;
