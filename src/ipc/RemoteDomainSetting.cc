@@ -126,12 +126,19 @@ bool RemoteDomainSetting::WaitUntilSettled(std::chrono::milliseconds timeout) {
 
 std::error_code RemoteDomainSetting::StartConnection(
     const std::shared_ptr<IConnection>& connection) {
+  // The handler goes in before the link starts: a service that refuses the
+  // connection ends it at once, and that end must not go unheard.
+  Self weak = std::static_pointer_cast<RemoteDomainSetting>(weak_from_this().lock());
+  if (std::error_code registered =
+          connection->RegisterInvalidationHandler([weak](std::shared_ptr<IConnection>& lost) {
+            if (auto self = weak.lock()) self->OnConnectionLost(lost);
+          });
+      registered != kSuccess) {
+    return registered;
+  }
   // The connection reports success as 0, unlike everything else here.
   if (std::error_code started = connection->InitConnection(); started.value() != 0) return started;
-  Self weak = std::static_pointer_cast<RemoteDomainSetting>(weak_from_this().lock());
-  return connection->RegisterInvalidationHandler([weak](std::shared_ptr<IConnection>& lost) {
-    if (auto self = weak.lock()) self->OnConnectionLost(lost);
-  });
+  return make_error_code(kSuccess);
 }
 
 void RemoteDomainSetting::SetMessageHandler(const std::shared_ptr<IConnection>& connection,
@@ -226,8 +233,14 @@ std::error_code RemoteDomainSetting::CommitTransaction(
           if (outcome == kSuccess) outcome = DomainUtil::GetResponseStatus(reply);
           auto self = weak.lock();
           if (outcome == kSuccess && self) {
-            outcome = self->RunOnDomainQueue("CommitTransaction", [&] {
-              return self->ApplyTransaction(record, /*notify=*/false);
+            // The service keeps the commit either way; a copy that cannot
+            // take it no longer matches and is fetched again.
+            (void)self->RunOnDomainQueue("CommitTransaction", [&] {
+              if (self->state_ == kReady &&
+                  self->ApplyTransaction(record, /*notify=*/false) != kSuccess) {
+                self->Refetch();
+              }
+              return make_error_code(kSuccess);
             });
           }
           done(outcome);
@@ -258,12 +271,30 @@ void RemoteDomainSetting::ApplyPushed(const std::shared_ptr<IHash>& message) {
   }
   std::error_code applied = Engine().IsTransactionValid(record);
   if (applied == kSuccess) applied = ApplyTransaction(record, /*notify=*/true);
-  if (applied == kSuccess) return;
   // The copy missed something or no longer matches: take the service's whole.
+  if (applied != kSuccess) Refetch();
+}
+
+void RemoteDomainSetting::Refetch() {
   state_ = kStale;
   const std::shared_ptr<IConnection> connection = CurrentConnection();
   SetMessageHandler(connection, false);
-  Fetch(connection, [](std::error_code) {});
+  Fetch(connection, RetryUnlessFetched());
+}
+
+RemoteDomainSetting::Done RemoteDomainSetting::RetryUnlessFetched() {
+  Self weak = std::static_pointer_cast<RemoteDomainSetting>(weak_from_this().lock());
+  // A copy left stale with nothing under way would stay so for good: a fetch
+  // the service refused, or one sent on a connection that had already ended,
+  // is tried again on a new connection.
+  return [weak](std::error_code fetched) {
+    if (fetched == kSuccess) return;
+    if (auto self = weak.lock()) {
+      (void)self->PostToDomainQueue([weak] {
+        if (auto domain = weak.lock()) domain->ScheduleReconnect();
+      });
+    }
+  };
 }
 
 // ---- Losing the service and finding it again
@@ -273,33 +304,44 @@ void RemoteDomainSetting::OnConnectionLost(const std::shared_ptr<IConnection>& l
   const IConnection* which = lost.get();
   (void)PostToDomainQueue([weak, which] {
     auto self = weak.lock();
-    if (!self) return;
-    // Before the first fetch the opener hears of the loss and gives up;
-    // an older connection's end means nothing now.
-    if (self->state_ == kNew || self->state_ == kClosed) return;
-    if (self->CurrentConnection().get() != which) return;
-    self->state_ = kStale;
-    dispatch_source_set_event_handler(self->retryTimer_, [weak] {
-      if (auto domain = weak.lock()) domain->Reconnect();
-    });
-    dispatch_source_set_timer(
-        self->retryTimer_,
-        dispatch_time(DISPATCH_TIME_NOW, static_cast<int64_t>(Nanoseconds(self->nextRetry_))), 0,
-        0);
-    self->nextRetry_ = std::min(self->nextRetry_ * 2, kLongestRetry);
+    // An older connection's end means nothing now.
+    if (self && self->CurrentConnection().get() == which) self->ScheduleReconnect();
   });
 }
 
+void RemoteDomainSetting::ScheduleReconnect() {
+  // Before the first fetch the opener hears of the failure and gives up.
+  if (state_ == kNew || state_ == kClosed) return;
+  state_ = kStale;
+  // A loss and the failed fetch it causes both land here: one attempt.
+  if (reconnectPending_) return;
+  reconnectPending_ = true;
+  Self weak = std::static_pointer_cast<RemoteDomainSetting>(weak_from_this().lock());
+  dispatch_source_set_event_handler(retryTimer_, [weak] {
+    if (auto domain = weak.lock()) domain->Reconnect();
+  });
+  dispatch_source_set_timer(
+      retryTimer_, dispatch_time(DISPATCH_TIME_NOW, static_cast<int64_t>(Nanoseconds(nextRetry_))),
+      0, 0);
+  nextRetry_ = std::min(nextRetry_ * 2, kLongestRetry);
+}
+
 void RemoteDomainSetting::Reconnect() {
-  if (CurrentState() == kClosed) return;
+  bool closed = true;
+  (void)RunOnDomainQueue("Reconnect", [&] {
+    reconnectPending_ = false;
+    closed = state_ == kClosed;
+    return make_error_code(kSuccess);
+  });
+  if (closed) return;
   std::shared_ptr<ClientConnection> made;
-  std::shared_ptr<IConnection> fresh;
-  if (ClientConnection::Create(made) == kSuccess) fresh = std::move(made);
-  if (fresh == nullptr || StartConnection(fresh) != kSuccess) {
-    // Try again later, as after a loss of the connection in use.
-    OnConnectionLost(CurrentConnection());
+  if (ClientConnection::Create(made) != kSuccess) {
+    RetryUnlessFetched()(make_error_code(kConnectionError));
     return;
   }
+  // The new connection is the current one before it starts, so that its end,
+  // however soon, is taken for the loss it is.
+  std::shared_ptr<IConnection> fresh = std::move(made);
   std::shared_ptr<IConnection> old;
   {
     platform::MutexLock lock(connectionMutex_);
@@ -307,9 +349,11 @@ void RemoteDomainSetting::Reconnect() {
   }
   SetMessageHandler(old, false);
   old->ShutDownConnection();
-  // A fetch that fails here ends the new connection too, which schedules the
-  // next attempt.
-  Fetch(fresh, [](std::error_code) {});
+  if (std::error_code started = StartConnection(fresh); started != kSuccess) {
+    RetryUnlessFetched()(started);
+    return;
+  }
+  Fetch(fresh, RetryUnlessFetched());
 }
 
 std::shared_ptr<DomainSetting> MakeRemoteDomain(const std::string& name, bool create,

@@ -94,8 +94,13 @@ class RemoteDomainSetting final : public DomainSetting {
   void Fetch(const std::shared_ptr<IConnection>& connection, Done done);
   std::error_code InstallFetched(const std::shared_ptr<IHash>& reply);
   void ApplyPushed(const std::shared_ptr<IHash>& message);
+  // On the domain queue: the copy is stale; fetch it again whole.
   void Refetch();
+  // What a fetch that must not leave the copy stale calls when done.
+  Done RetryUnlessFetched();
   void OnConnectionLost(const std::shared_ptr<IConnection>& lost);
+  // On the domain queue: a new connection after the current back-off.
+  void ScheduleReconnect();
   void Reconnect();
   void SetMessageHandler(const std::shared_ptr<IConnection>& connection, bool deliver);
 
@@ -110,6 +115,7 @@ class RemoteDomainSetting final : public DomainSetting {
 
   // On the domain queue only.
   State state_ = kNew;
+  bool reconnectPending_ = false;
   std::chrono::milliseconds nextRetry_ = kFirstRetry;
 };
 

@@ -277,6 +277,33 @@ TEST_F(RemoteDomainTest, ACopyReconnectsAfterTheServiceRestartsAndMissesNothing)
   EXPECT_EQ(GenerationOf(*domain), GenerationOf(ServiceRoot()));
 }
 
+TEST_F(RemoteDomainTest, ACopyTheServiceCannotServeForAWhileAsksAgainUntilItCan) {
+  auto domain = Open();
+  ChangeLog hears(*domain);
+  ASSERT_EQ(CommitElsewhere({"set", "before", "1"}), 0);
+  ASSERT_EQ(hears.WaitFor(1).size(), 1u);
+
+  // The service stops with the domain in its snapshot; with the snapshot
+  // damaged, the service that comes back refuses the domain to everyone.
+  ASSERT_EQ(service_->Stop(), 0);
+  const std::filesystem::path snapshot = service_->StateDir() + "/domains/prefs";
+  const std::filesystem::path kept = snapshot.string() + ".kept";
+  std::filesystem::rename(snapshot, kept);
+  std::ofstream(snapshot) << "not a domain";
+  ASSERT_TRUE(service_->Start());
+  EXPECT_NE(ServiceClient().Fetch("prefs", true, nullptr), kOk);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // refused fetches
+  std::filesystem::rename(kept, snapshot);
+
+  ASSERT_EQ(CommitElsewhere({"set", "after", "2"}), 0);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (testing::IntAt(*domain, "after") != 2 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(testing::IntAt(*domain, "after"), 2);
+  EXPECT_EQ(GenerationOf(*domain), GenerationOf(ServiceRoot()));
+}
+
 // Several client processes commit random changes to overlapping and disjoint
 // keys of one domain while others watch; each then checks itself against the
 // service (see RemoteClient.cc).
