@@ -1,5 +1,6 @@
 #include "domain/CommitEngine.h"
 
+#include <array>
 #include <utility>
 
 #include "domain/DomainRoot.h"
@@ -8,7 +9,9 @@
 #include "platform/report/Report.h"
 #include "qelss/values/Exceptions.h"
 #include "qelss/values/NumberFactory.h"
+#include "values/Hash.h"
 #include "values/KeyPath.h"
+#include "values/ValueCast.h"
 
 namespace QelSS {
 namespace {
@@ -53,10 +56,32 @@ std::error_code Clone(const std::shared_ptr<IHash>& hash, std::shared_ptr<IHash>
   return kSuccess;
 }
 
+std::atomic<uint64_t> gNextEngineId{1};
+
+// A version of one domain's tree as a thread last read it.
+struct KeptVersion {
+  uint64_t engine = 0;
+  uint64_t version = 0;
+  std::shared_ptr<IHash> tree;
+};
+
+struct KeptVersions {
+  std::array<KeptVersion, CommitEngine::kKeptVersions> slots;
+  size_t next = 0;  // the slot a new domain takes
+};
+
+thread_local KeptVersions tKept;
+
+// Every Hash of a version, before readers may walk it without queues.
+void FreezeTree(const std::shared_ptr<IHash>& tree) {
+  if (tree == nullptr) return;
+  if (auto* hash = const_cast<Hash*>(ExactCast<Hash>(tree.get()))) hash->Freeze();
+}
+
 }  // namespace
 
 CommitEngine::CommitEngine(std::string name, bool remote)
-    : name_(std::move(name)), isRemote_(remote) {
+    : name_(std::move(name)), isRemote_(remote), id_(gNextEngineId.fetch_add(1)) {
   std::error_code rc = DomainRoot::Create(settings_);
   if (rc == kSuccess) rc = DomainRoot::GetInternalSettings(settings_, tree_);
   if (rc != kSuccess) throw QelSharedSettingsException(rc, "DomainSettings: Failed to init");
@@ -189,11 +214,38 @@ std::error_code CommitEngine::ApplyChanges(TreeWriter& writer, const std::vector
 }
 
 void CommitEngine::Publish() {
+  FreezeTree(settings_);
   std::shared_ptr<IHash> previous;
   platform::MutexLock lock(publishedMutex_);
   // The version replaced is let go of outside the lock: it may be the last
   // reference to a large tree.
   previous = std::exchange(published_, tree_);
+  version_.store(++publishedVersion_, std::memory_order_release);
+}
+
+const IHash* CommitEngine::ReadableTree() const {
+  const uint64_t version = version_.load(std::memory_order_acquire);
+  KeptVersion* slot = nullptr;
+  for (KeptVersion& kept : tKept.slots) {
+    if (kept.engine != id_) continue;
+    if (kept.version == version) return kept.tree.get();
+    slot = &kept;
+    break;
+  }
+  if (slot == nullptr) {
+    slot = &tKept.slots[tKept.next];
+    tKept.next = (tKept.next + 1) % kKeptVersions;
+  }
+  // The version let go of may be the last reference to a large tree: it goes
+  // outside the lock.
+  std::shared_ptr<IHash> previous = std::move(slot->tree);
+  {
+    platform::MutexLock lock(publishedMutex_);
+    slot->tree = published_;
+    slot->version = publishedVersion_;
+  }
+  slot->engine = id_;
+  return slot->tree.get();
 }
 
 void CommitEngine::Publish(std::shared_ptr<IHash> root) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -38,11 +39,15 @@ class CommitEngine {
   const std::shared_ptr<IHash>& Tree() const noexcept { return tree_; }
   // The same tree for a reader on any thread, without the owner's queue: a
   // read never waits for a commit in progress, and sees the version before it
-  // or the one after, whole.
-  std::shared_ptr<IHash> PublishedTree() const {
-    platform::MutexLock lock(publishedMutex_);
-    return published_;
-  }
+  // or the one after, whole, and frozen (see Hash::Freeze).
+  //
+  // Each thread keeps the last versions it read, of a few domains, so that a
+  // read that finds the version unchanged writes nothing another thread
+  // reads: neither a lock nor a reference count. The tree stays valid until
+  // this thread's next call for any domain. The price: a thread holds on to a
+  // version it read, of at most kKeptVersions domains, until it reads again.
+  const IHash* ReadableTree() const;
+  static constexpr size_t kKeptVersions = 4;
 
   // The stored root (count and tree) of the current version: what a
   // transaction starts from and a snapshot writes, without a copy.
@@ -136,6 +141,12 @@ class CommitEngine {
   // tree_, for readers on other threads; held only to copy the pointer.
   mutable platform::Mutex publishedMutex_;
   std::shared_ptr<IHash> published_ QELSS_GUARDED_BY(publishedMutex_);
+  uint64_t publishedVersion_ QELSS_GUARDED_BY(publishedMutex_) = 0;
+  // publishedVersion_, for the readers' check that nothing changed.
+  std::atomic<uint64_t> version_{0};
+  // Never reused in a process, so that a thread's kept version of a domain
+  // that is gone is never taken for another's.
+  const uint64_t id_;
   ChangeHistory history_;
 };
 

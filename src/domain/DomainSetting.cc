@@ -14,6 +14,7 @@
 #include "platform/report/Failure.h"
 #include "platform/report/Report.h"
 #include "qelss/values/Exceptions.h"
+#include "values/ContainerSupport.h"
 #include "values/KeyPath.h"
 
 namespace QelSS {
@@ -81,7 +82,14 @@ std::error_code DomainSetting::GetName(std::string& name) {
 std::error_code DomainSetting::Get(const std::string& path, std::shared_ptr<IValue>& value) {
   // Off the domain queue: a committed version never changes.
   try {
-    return KeyPath::Lookup(engine_.PublishedTree(), path, value);
+    std::shared_ptr<IValue> found;
+    if (std::error_code got = KeyPath::Lookup(*engine_.ReadableTree(), path, found);
+        !Succeeded(got)) {
+      return got;
+    }
+    // A container of the version is read-only and shared by later versions:
+    // the caller gets one of its own.
+    return OwnCopy(found, value);
   } catch (...) {
     ReportCaughtException(1, kReportTag, "Get");
     return kFailure;
@@ -227,8 +235,14 @@ void DomainSetting::Deliver(std::vector<ObserverList::Delivery> deliveries,
   // A domain already being destroyed has no one left to hand to observers.
   std::shared_ptr<IDomainSetting> domain = weak_from_this().lock();
   if (!domain) return;
-  // One immutable list shared by every delivery of this commit.
-  auto list = std::make_shared<const IObserver::ChangeList>(MakeChangeList(changes));
+  // One list shared by every delivery of this commit; its containers are
+  // copies, so that observers cannot change the committed version.
+  IObserver::ChangeList made = MakeChangeList(changes);
+  for (auto& entry : made) {
+    std::shared_ptr<IValue>& value = std::get<2>(entry);
+    if (OwnCopy(value, value) != kSuccess) value.reset();
+  }
+  auto list = std::make_shared<const IObserver::ChangeList>(std::move(made));
   for (ObserverList::Delivery& delivery : deliveries) {
     dispatch_queue_t queue =
         delivery.queue.get() ? delivery.queue.get() : observerQueue_->GetDispatchQueue();

@@ -14,6 +14,7 @@
 #include "qelss/values/HashFactory.h"
 #include "qelss/values/NumberFactory.h"
 #include "qelss/values/StringFactory.h"
+#include "values/ContainerSupport.h"
 #include "values/KeyPath.h"
 #include "values/StorableText.h"
 
@@ -97,13 +98,17 @@ std::error_code Transaction::Set(const std::string& path, const std::shared_ptr<
   if (std::error_code storable = CheckStorablePath(path, value); storable != kSuccess) {
     return storable;
   }
+  // What is committed is the value as it is now: a container the caller
+  // changes later must not change the transaction, nor the version it makes.
+  std::shared_ptr<IValue> own;
+  if (std::error_code copied = OwnCopy(value, own); copied != kSuccess) return copied;
   return RunOnQueue([&]() -> std::error_code {
     if (path.find_first_not_of('/') == std::string::npos) return kInvalidArgument;
     if (std::error_code checked = CheckTree(); checked != kSuccess) return checked;
-    std::error_code stored = working_->Store(InTree(path), value);
+    std::error_code stored = working_->Store(InTree(path), own);
     if (stored == kOperationRefused) return kSuccess;
     if (stored != kSuccess) return stored;
-    return AppendChange(path, Constants::Set, value);
+    return AppendChange(path, Constants::Set, own);
   });
 }
 

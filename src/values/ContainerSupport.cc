@@ -29,6 +29,14 @@ std::error_code CreateContainerQueue(const char* label,
   return platform::MakeQueue(out, DispatchQueue::kQueueTypeSerial, label, kContainerQueueQos);
 }
 
+std::error_code OwnCopy(const std::shared_ptr<IValue>& value, std::shared_ptr<IValue>& out) {
+  if (value == nullptr || !IsContainer(*value)) {
+    out = value;
+    return kSuccess;
+  }
+  return value->Clone(out);
+}
+
 void AppendAligned(std::string& out, std::string_view text, unsigned int width) {
   if (text.size() < width) out.append(width - text.size(), ' ');
   out.append(text);

@@ -51,6 +51,11 @@ inline bool IsContainer(const IValue& value) {
   return type == kValueTypeHash || type == kValueTypeArray;
 }
 
+// `value` itself when it is a scalar (immutable, so sharing it is safe); a
+// deep copy when it is a container, which the caller may change without
+// touching the tree it came from. The copy's code when that fails.
+std::error_code OwnCopy(const std::shared_ptr<IValue>& value, std::shared_ptr<IValue>& out);
+
 // Deepest nesting of containers that deep copies, comparisons, descriptions,
 // merges and conversions walk. Settings trees are a handful of levels deep; the
 // limit exists so that a container that holds itself through another one (which

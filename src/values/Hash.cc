@@ -7,6 +7,7 @@
 #include "platform/report/Report.h"
 #include "qelss/values/StringFactory.h"
 #include "values/ContainerSupport.h"
+#include "values/ValueCast.h"
 #include "values/ValueSupport.h"
 
 namespace QelSS {
@@ -60,6 +61,7 @@ bool Hash::OnQueue(uint32_t flags, Block&& block) const {
 std::error_code Hash::Set(const std::shared_ptr<IString>& key,
                           const std::shared_ptr<IValue>& value) {
   if (!key || !value || IsSelf(value)) return kInvalidArgument;
+  if (IsFrozen()) return kOperationRefused;
   std::shared_ptr<IValue> replaced;
   std::error_code result = kFailure;
   OnQueue(DispatchQueue::kRunChangesState, [&] {
@@ -77,6 +79,7 @@ std::error_code Hash::Set(const std::shared_ptr<IString>& key,
 
 std::error_code Hash::Set(const char* key, const std::shared_ptr<IValue>& value) {
   if (key == nullptr || !value || IsSelf(value)) return kInvalidArgument;
+  if (IsFrozen()) return kOperationRefused;
   std::shared_ptr<IValue> replaced;
   std::error_code result = kFailure;
   OnQueue(DispatchQueue::kRunChangesState, [&] {
@@ -95,6 +98,7 @@ std::error_code Hash::Set(const char* key, const std::shared_ptr<IValue>& value)
 }
 
 void Hash::SwapEntries(HashTable& entries) {
+  if (IsFrozen()) return;
   OnQueue(DispatchQueue::kRunChangesState, [&] { std::swap(entries_, entries); });
 }
 
@@ -109,6 +113,7 @@ void Hash::SetEntries(HashEntries&& entries) {
 
 Hash& Hash::operator=(const IHash& other) {
   if (&other == static_cast<const IHash*>(this)) return *this;
+  if (IsFrozen()) throw DataTypeException(kOperationRefused, "Hash: frozen");
   HashTable copy;
   std::error_code result = CopyEntriesOf(other, copy);
   if (!Succeeded(result)) throw DataTypeException(result, "Failed to copy in object");
@@ -119,8 +124,12 @@ Hash& Hash::operator=(const IHash& other) {
 
 Hash& Hash::operator=(IHash&& other) {
   if (&other == static_cast<IHash*>(this)) return *this;
+  if (IsFrozen()) throw DataTypeException(kOperationRefused, "Hash: frozen");
   HashTable taken;
-  if (auto* hash = dynamic_cast<Hash*>(&other)) {
+  if (auto* hash = dynamic_cast<Hash*>(&other); hash != nullptr && hash->IsFrozen()) {
+    // A frozen hash cannot be emptied: its entries are shared instead.
+    hash->OnQueue(DispatchQueue::kRunNoFlags, [&] { taken = hash->entries_; });
+  } else if (hash != nullptr) {
     taken = hash->TakeEntries();
   } else {
     (void)other.Iterate([&taken](const auto& key, const auto& value, bool&) {
@@ -141,6 +150,12 @@ HashTable Hash::TakeEntries() {
 }
 
 std::error_code Hash::Lookup(const char* key, std::shared_ptr<IValue>* out) const {
+  if (IsFrozen()) {
+    const std::shared_ptr<IValue>* held = FindFrozen(key);
+    if (held == nullptr) return kNotFound;
+    if (out != nullptr) *out = *held;
+    return kSuccess;
+  }
   std::shared_ptr<IValue> found;
   std::error_code result = kFailure;
   OnQueue(DispatchQueue::kRunNoFlags, [&] {
@@ -174,6 +189,7 @@ std::error_code Hash::Contains(const char* key) const {
 }
 
 std::error_code Hash::Erase(const char* key) {
+  if (IsFrozen()) return kOperationRefused;
   HashTable::Entry removed;
   std::error_code result = kFailure;
   OnQueue(DispatchQueue::kRunChangesState,
@@ -196,13 +212,18 @@ void Hash::RemoveAll() {
 
 HashSnapshot Hash::Snapshot() const {
   HashSnapshot entries;
-  OnQueue(DispatchQueue::kRunNoFlags, [&] {
+  auto take = [&] {
     entries.reserve(entries_.Size());
     entries_.VisitInOrder([&](const HashTable::Entry& entry) {
       entries.push_back(entry);
       return true;
     });
-  });
+  };
+  if (IsFrozen()) {
+    take();
+  } else {
+    OnQueue(DispatchQueue::kRunNoFlags, take);
+  }
   return entries;
 }
 
@@ -217,6 +238,7 @@ std::error_code Hash::Iterate(const HashIterateFunction& function) const {
 }
 
 size_t Hash::GetCount() const {
+  if (IsFrozen()) return entries_.Size();
   size_t count = 0;
   OnQueue(DispatchQueue::kRunNoFlags, [&] { count = entries_.Size(); });
   return count;
@@ -254,6 +276,25 @@ std::error_code Hash::ShallowCopy(std::shared_ptr<IHash>& out) const {
   HashTable copy;
   if (!OnQueue(DispatchQueue::kRunNoFlags, [&] { copy = entries_; })) return kFailure;
   return MakeValue<Hash>(out, std::move(copy));
+}
+
+void Hash::Freeze() {
+  if (IsFrozen()) return;
+  // Children first: a reader that finds this hash frozen may walk below it.
+  // Nobody else sees the hash yet, so its table is read without the queue.
+  const HashTable& entries = entries_;
+  entries.VisitInOrder([](const HashTable::Entry& entry) {
+    if (entry.second->GetType() == kValueTypeHash) {
+      if (auto* hash = const_cast<Hash*>(ExactCast<Hash>(entry.second.get()))) hash->Freeze();
+    }
+    return true;
+  });
+  frozen_.store(true, std::memory_order_release);
+}
+
+const std::shared_ptr<IValue>* Hash::FindFrozen(const char* key) const {
+  const HashTable::Entry* entry = entries_.Find(key);
+  return entry != nullptr ? &entry->second : nullptr;
 }
 
 std::error_code Hash::Clone(std::shared_ptr<IValue>& out) const {

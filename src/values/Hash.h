@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <utility>
@@ -70,6 +71,17 @@ class Hash final : public IHash, public Value {
   // keys: the first step of changing a hash that others may still read.
   [[nodiscard]] std::error_code ShallowCopy(std::shared_ptr<IHash>& out) const;
 
+  // Makes this hash, and every Hash it holds directly, read-only for good:
+  // a committed version that readers on any thread walk without its queue.
+  // Changes are then refused with kOperationRefused (RemoveAll and
+  // SetEntries, which answer nothing, leave it as it is). Only the hash's
+  // owner freezes it, before anyone else can see it.
+  void Freeze();
+  bool IsFrozen() const noexcept { return frozen_.load(std::memory_order_acquire); }
+  // The stored value under `key` of a frozen hash, or null; it lives as long
+  // as the hash holds it, which for a frozen hash is as long as the hash.
+  const std::shared_ptr<IValue>* FindFrozen(const char* key) const;
+
  private:
   template <typename Block>
   bool OnQueue(uint32_t flags, Block&& block) const;
@@ -91,8 +103,9 @@ class Hash final : public IHash, public Value {
   std::error_code Lookup(const char* key, std::shared_ptr<IValue>* out) const;
   std::error_code Erase(const char* key);
 
-  // Protected by queue_.
+  // Protected by queue_ until frozen_, constant after.
   HashTable entries_;
+  std::atomic<bool> frozen_{false};
   // Constant after construction.
   std::shared_ptr<DispatchQueue::IQueue> queue_;
 };

@@ -6,13 +6,21 @@
 #include <new>
 
 namespace QelSS {
-namespace {
 
-bool KeyLess(const HashTable::Entry& entry, const char* key) {
-  return std::strcmp(entry.first->GetCString(), key) < 0;
+HashTable::Probe::Probe(const char* key) noexcept : prefix(0), text(key) {
+  // Big-endian, padded with zeros after the end: numbers order as strcmp
+  // orders the first eight bytes.
+  size_t i = 0;
+  for (; i < 8 && key[i] != '\0'; ++i) prefix = prefix << 8 | static_cast<unsigned char>(key[i]);
+  prefix <<= 8 * (8 - i);
 }
 
-}  // namespace
+int HashTable::Compare(const Item& item, const Probe& key) noexcept {
+  if (item.probe.prefix != key.prefix) return item.probe.prefix < key.prefix ? -1 : 1;
+  // The same first eight bytes: a zero among them ended both keys there.
+  if ((key.prefix & 0xff) == 0) return 0;
+  return std::strcmp(item.probe.text + 8, key.text + 8);
+}
 
 HashTable::HashTable(HashEntries&& entries) {
   // Node by node: the map's nodes hand over their keys without touching the
@@ -69,20 +77,30 @@ void HashTable::EraseLeaf(size_t index) {
   }
 }
 
-HashTable::Slot HashTable::LowerBound(const char* key) const {
-  auto leaf = std::partition_point(
-      leaves_.begin(), leaves_.end(),
-      [key](const std::shared_ptr<Leaf>& candidate) { return KeyLess(candidate->back(), key); });
+HashTable::Slot HashTable::LowerBound(const char* key) const { return LowerBound(Probe(key)); }
+
+HashTable::Slot HashTable::LowerBound(const Probe& key) const {
+  auto leaf = std::partition_point(leaves_.begin(), leaves_.end(),
+                                   [&key](const std::shared_ptr<Leaf>& candidate) {
+                                     return Compare(candidate->back(), key) < 0;
+                                   });
   if (leaf == leaves_.end()) return End();
-  auto entry = std::lower_bound((*leaf)->begin(), (*leaf)->end(), key, KeyLess);
+  auto item = std::partition_point((*leaf)->begin(), (*leaf)->end(),
+                                   [&key](const Item& each) { return Compare(each, key) < 0; });
   return {static_cast<size_t>(leaf - leaves_.begin()),
-          static_cast<size_t>(entry - (*leaf)->begin())};
+          static_cast<size_t>(item - (*leaf)->begin())};
+}
+
+const HashTable::Entry* HashTable::Find(const char* key) const {
+  const Probe probe(key);
+  const Slot slot = LowerBound(probe);
+  return Holds(slot, probe) ? &At(slot) : nullptr;
 }
 
 bool HashTable::Add(Entry&& entry) {
-  const char* key = entry.first->GetCString();
+  const Probe key(entry.first->GetCString());
   Slot slot = End();
-  if (!leaves_.empty() && !KeyLess(leaves_.back()->back(), key)) {
+  if (!leaves_.empty() && Compare(leaves_.back()->back(), key) >= 0) {
     slot = LowerBound(key);
     if (Holds(slot, key)) return false;
   }
@@ -90,9 +108,11 @@ bool HashTable::Add(Entry&& entry) {
   return true;
 }
 
-bool HashTable::Holds(const Slot& slot, const char* key) const {
+bool HashTable::Holds(const Slot& slot, const char* key) const { return Holds(slot, Probe(key)); }
+
+bool HashTable::Holds(const Slot& slot, const Probe& key) const {
   return slot.leaf < leaves_.size() && slot.index < leaves_[slot.leaf]->size() &&
-         std::strcmp((*leaves_[slot.leaf])[slot.index].first->GetCString(), key) == 0;
+         Compare((*leaves_[slot.leaf])[slot.index], key) == 0;
 }
 
 void HashTable::InsertAt(const Slot& slot, Entry&& entry) {
@@ -103,12 +123,12 @@ void HashTable::InsertAt(const Slot& slot, Entry&& entry) {
     // is left with full leaves.
     Leaf fresh;
     fresh.reserve(1);
-    fresh.push_back(std::move(entry));
+    fresh.emplace_back(std::move(entry));
     InsertLeaf(leaves_.size(), std::move(fresh));
   } else {
     const Slot target = leaves_[slot.leaf]->size() < kLeafCapacity ? slot : SplitFor(slot);
     Leaf& leaf = Own(target.leaf);
-    leaf.insert(leaf.begin() + static_cast<std::ptrdiff_t>(target.index), std::move(entry));
+    leaf.insert(leaf.begin() + static_cast<std::ptrdiff_t>(target.index), Item(std::move(entry)));
   }
   ++size_;
 }
@@ -126,10 +146,11 @@ HashTable::Slot HashTable::SplitFor(const Slot& slot) {
 }
 
 bool HashTable::Erase(const char* key, Entry& removed) {
-  const Slot slot = LowerBound(key);
-  if (!Holds(slot, key)) return false;
+  const Probe probe(key);
+  const Slot slot = LowerBound(probe);
+  if (!Holds(slot, probe)) return false;
   Leaf& leaf = Own(slot.leaf);
-  removed = std::move(leaf[slot.index]);
+  removed = std::move(leaf[slot.index].entry);
   leaf.erase(leaf.begin() + static_cast<std::ptrdiff_t>(slot.index));
   --size_;
   AfterErase(slot.leaf);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -27,6 +28,10 @@ namespace QelSS {
 // A table changes only leaves it made itself since it was last copied (or
 // copied from); any other leaf is copied first, so a shared leaf is never
 // written and tables that share leaves may live on different threads.
+//
+// Beside each entry sit its key's first eight bytes as one number (in strcmp
+// order) and its text: most comparisons of a lookup are then one comparison
+// of numbers, without a call to the key or a walk to its bytes.
 //
 // Not thread-safe: the hash that owns it runs every access on its queue, a
 // copy included (the copy takes the source's leaves from it).
@@ -72,8 +77,11 @@ class HashTable {
   Slot LowerBound(const char* key) const;
   // True when `slot` holds an entry with exactly the text `key`.
   bool Holds(const Slot& slot, const char* key) const;
-  Entry& At(const Slot& slot) { return Own(slot.leaf)[slot.index]; }
-  const Entry& At(const Slot& slot) const { return (*leaves_[slot.leaf])[slot.index]; }
+  // The key of the entry must stay as it is; its value may change.
+  Entry& At(const Slot& slot) { return Own(slot.leaf)[slot.index].entry; }
+  const Entry& At(const Slot& slot) const { return (*leaves_[slot.leaf])[slot.index].entry; }
+  // The entry with exactly the text `key`, or null.
+  const Entry* Find(const char* key) const;
 
   // Puts a new entry at `slot`, which LowerBound gave for the entry's key.
   void InsertAt(const Slot& slot, Entry&& entry);
@@ -88,8 +96,8 @@ class HashTable {
     if (VisitInOrder([&](const Entry& entry) { return !drop(entry); })) return;
     HashTable kept;
     for (size_t i = 0; i < leaves_.size(); ++i) {
-      for (Entry& entry : Own(i)) {
-        if (!drop(entry)) kept.InsertAt(kept.End(), std::move(entry));
+      for (Item& item : Own(i)) {
+        if (!drop(item.entry)) kept.InsertAt(kept.End(), std::move(item.entry));
       }
     }
     *this = std::move(kept);
@@ -104,8 +112,8 @@ class HashTable {
   template <typename Visit>
   bool VisitInOrder(Visit&& visit) const {
     for (const auto& leaf : leaves_) {
-      for (const Entry& entry : *leaf) {
-        if (!visit(entry)) return false;
+      for (const Item& item : *leaf) {
+        if (!visit(item.entry)) return false;
       }
     }
     return true;
@@ -113,15 +121,32 @@ class HashTable {
   template <typename Visit>
   bool VisitInOrder(Visit&& visit) {
     for (size_t i = 0; i < leaves_.size(); ++i) {
-      for (Entry& entry : Own(i)) {
-        if (!visit(entry)) return false;
+      for (Item& item : Own(i)) {
+        if (!visit(item.entry)) return false;
       }
     }
     return true;
   }
 
  private:
-  using Leaf = std::vector<Entry>;
+  // A key as lookups compare it.
+  struct Probe {
+    explicit Probe(const char* key) noexcept;
+    uint64_t prefix;
+    const char* text;
+  };
+  struct Item {
+    explicit Item(Entry&& made) noexcept
+        : entry(std::move(made)), probe(entry.first->GetCString()) {}
+    Entry entry;
+    Probe probe;  // of entry.first, whose text lives as long as the entry
+  };
+  using Leaf = std::vector<Item>;
+
+  // Negative, zero or positive as `item`'s key is less, equal or greater.
+  static int Compare(const Item& item, const Probe& key) noexcept;
+  Slot LowerBound(const Probe& key) const;
+  bool Holds(const Slot& slot, const Probe& key) const;
 
   Slot End() const noexcept;
   // Leaf `index`, made this table's own first when it is not.

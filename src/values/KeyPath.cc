@@ -7,6 +7,7 @@
 #include "qelss/values/IArray.h"
 #include "qelss/values/ValueHelper.h"
 #include "values/Hash.h"
+#include "values/ValueCast.h"
 
 namespace QelSS {
 namespace {
@@ -118,14 +119,23 @@ std::vector<std::string> KeyPath::Split(std::string_view path) {
   return components;
 }
 
-// Every read of a setting comes through here, so the path is walked in place:
-// one key buffer (short keys need no allocation), no list of components, no
-// list of levels.
 std::error_code KeyPath::Lookup(const std::shared_ptr<IHash>& tree, std::string_view path,
                                 std::shared_ptr<IValue>& out) {
   if (!tree) return kInvalidArgument;
-  const IHash* level = tree.get();
-  std::shared_ptr<IValue> found;  // also keeps `level` alive below the top
+  return Lookup(*tree, path, out);
+}
+
+// Every read of a setting comes through here, so the path is walked in place:
+// one key buffer (short keys need no allocation), no list of components, no
+// list of levels, and through frozen hashes no queue and no reference count.
+std::error_code KeyPath::Lookup(const IHash& tree, std::string_view path,
+                                std::shared_ptr<IValue>& out) {
+  const IHash* level = &tree;
+  // The value found last: inside a frozen hash, which keeps it as long as the
+  // hash lives, or held here. Each level lives through the one above it, up
+  // to the tree or the last value held.
+  const std::shared_ptr<IValue>* inFrozen = nullptr;
+  std::shared_ptr<IValue> held;
   std::string key;
   size_t start = 0;
   bool any = false;
@@ -135,18 +145,27 @@ std::error_code KeyPath::Lookup(const std::shared_ptr<IHash>& tree, std::string_
     size_t end = path.find('/', start);
     if (end == std::string_view::npos) end = path.size();
     if (any) {
-      level = dynamic_cast<const IHash*>(found.get());
+      const IValue* found = inFrozen != nullptr ? inFrozen->get() : held.get();
+      if (found->GetType() != kValueTypeHash) return kNotFound;
+      level = FastCast<IHash, Hash>(found);
       if (level == nullptr) return kNotFound;
     }
     key.assign(path.substr(start, end - start));
-    std::shared_ptr<IValue> next;
-    if (std::error_code got = level->Get(key.c_str(), next); !Succeeded(got)) return got;
-    found = std::move(next);
+    const Hash* hash = ExactCast<Hash>(static_cast<const IValue*>(level));
+    if (hash != nullptr && hash->IsFrozen()) {
+      inFrozen = hash->FindFrozen(key.c_str());
+      if (inFrozen == nullptr) return kNotFound;
+    } else {
+      std::shared_ptr<IValue> next;
+      if (std::error_code got = level->Get(key.c_str(), next); !Succeeded(got)) return got;
+      held = std::move(next);
+      inFrozen = nullptr;
+    }
     any = true;
     start = end;
   }
   if (!any) return kInvalidArgument;
-  out = std::move(found);
+  out = inFrozen != nullptr ? *inFrozen : std::move(held);
   return kSuccess;
 }
 

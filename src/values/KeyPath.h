@@ -33,6 +33,9 @@ class KeyPath {
   // level is not a hash. `out` is untouched on failure.
   [[nodiscard]] static std::error_code Lookup(const std::shared_ptr<IHash>& tree,
                                               std::string_view path, std::shared_ptr<IValue>& out);
+  // The same on a tree that the caller keeps alive through the call.
+  [[nodiscard]] static std::error_code Lookup(const IHash& tree, std::string_view path,
+                                              std::shared_ptr<IValue>& out);
 
   // Stores `value` (shared) at `path`, making the missing intermediate hashes.
   //   kInvalidArgument   null tree or value, a path without components, or a

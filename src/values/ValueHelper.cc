@@ -8,6 +8,9 @@
 #include "qelss/values/DateFactory.h"
 #include "qelss/values/NumberFactory.h"
 #include "qelss/values/StringFactory.h"
+#include "values/Number.h"
+#include "values/String.h"
+#include "values/ValueCast.h"
 
 namespace QelSS {
 namespace {
@@ -37,6 +40,19 @@ template <>
 struct SourceOf<std::vector<unsigned char>> {
   using type = IData;
 };
+
+// The class each interface is read from on every typed read, for the cast
+// that skips the walk of the class hierarchy.
+template <typename I>
+const I* ReadSource(const IValue* value) {
+  if constexpr (std::is_same_v<I, INumber>) {
+    return FastCast<INumber, Number>(value);
+  } else if constexpr (std::is_same_v<I, IString>) {
+    return FastCast<IString, String>(value);
+  } else {
+    return dynamic_cast<const I*>(value);
+  }
+}
 
 std::error_code ReadAs(const INumber& number, bool& out) { return number.GetBool(out); }
 std::error_code ReadAs(const INumber& number, double& out) { return number.GetDouble(out); }
@@ -127,9 +143,8 @@ std::error_code ValueHelper::Get(const std::shared_ptr<IValue>& value, T& out) {
     }
     return Move(value, out);
   } else {
-    std::shared_ptr<typename SourceOf<T>::type> source;
-    std::error_code result = Move(value, source);
-    if (!Succeeded(result)) return result;
+    const auto* source = ReadSource<typename SourceOf<T>::type>(value.get());
+    if (source == nullptr) return kInvalidData;
     return ReadAs(*source, out);
   }
 }

@@ -4,6 +4,7 @@
 #include "DomainTestSupport.h"
 #include "domain/ChangeHistory.h"
 #include "platform/report/CaptureSink.h"
+#include "qelss/domain/SettingsObserver.h"
 
 namespace QelSS {
 namespace {
@@ -64,6 +65,63 @@ TEST_F(DomainSettingTest, CommitsBecomeVisibleAndRaiseTheGeneration) {
   ASSERT_EQ(tree->Get("sound", sound), kSuccess);
   ASSERT_EQ(std::dynamic_pointer_cast<IHash>(sound)->Set("volume", Int(99)), kSuccess);
   EXPECT_EQ(IntAt(*domain_, "sound/volume"), 4);
+}
+
+// A committed version is shared by readers on every thread without locks, so
+// nothing that goes in or comes out may be a way to change it.
+TEST_F(DomainSettingTest, ContainersGoingInOrComingOutAreCopiesAndNoVersionChanges) {
+  std::shared_ptr<IHash> window;
+  ASSERT_EQ(HashFactory::Create(window), kSuccess);
+  ASSERT_EQ(window->Set("width", Int(640)), kSuccess);
+  auto transaction = NewTransaction(*domain_);
+  ASSERT_EQ(transaction->Set("window", window), kSuccess);
+  ASSERT_EQ(window->Set("width", Int(1)), kSuccess);
+  std::vector<IObserver::ChangeList> heard;
+  testing::EventCounter calls;
+  std::shared_ptr<SettingsObserver> observer;
+  ASSERT_EQ(SettingsObserver::Create(
+                [&](const std::shared_ptr<IDomainSetting>&, const IObserver::ChangeList& changes) {
+                  heard.push_back(changes);
+                  calls.Add();
+                },
+                observer),
+            kSuccess);
+  ASSERT_EQ(domain_->AddObserver(nullptr, observer), kSuccess);
+  ASSERT_EQ(Commit(*domain_, transaction), kSuccess);
+  ASSERT_EQ(window->Set("width", Int(2)), kSuccess);
+  ASSERT_TRUE(calls.WaitFor(1));
+  observer->Detach();
+  auto told = std::dynamic_pointer_cast<IHash>(std::get<2>(heard.at(0).at(0)));
+  ASSERT_NE(told, nullptr);
+  EXPECT_EQ(told->Set("width", Int(3)), kSuccess);
+
+  std::shared_ptr<IValue> read;
+  ASSERT_EQ(domain_->Get("window", read), kSuccess);
+  auto readHash = std::dynamic_pointer_cast<IHash>(read);
+  ASSERT_NE(readHash, nullptr);
+  EXPECT_EQ(readHash->Set("height", Int(4)), kSuccess);
+  EXPECT_EQ(readHash->Delete("width"), kSuccess);
+  readHash->RemoveAll();
+
+  EXPECT_EQ(IntAt(*domain_, "window/width"), 640);
+  EXPECT_EQ(IntAt(*domain_, "window/height"), std::nullopt);
+}
+
+// Each thread keeps the versions it read of a few domains; a domain made
+// after another is gone, perhaps at its address, must never be read as it.
+TEST_F(DomainSettingTest, ReadsOfManyDomainsOnOneThreadEachFindTheirOwnValues) {
+  std::vector<std::shared_ptr<InMemoryDomain>> kept;
+  for (int i = 0; i < 12; ++i) {
+    auto domain = InMemoryDomain::Make("Domain" + std::to_string(i % 3));
+    auto transaction = NewTransaction(*domain);
+    ASSERT_EQ(transaction->Set("n", Int(i)), kSuccess);
+    ASSERT_EQ(Commit(*domain, transaction), kSuccess);
+    EXPECT_EQ(IntAt(*domain, "n"), i);
+    if (i % 2 == 0) kept.push_back(domain);
+  }
+  for (size_t k = 0; k < kept.size(); ++k) {
+    EXPECT_EQ(IntAt(*kept[k], "n"), static_cast<long long>(2 * k));
+  }
 }
 
 TEST_F(DomainSettingTest, StaleTransactionsMergeUnlessTheyTouchWhatChanged) {

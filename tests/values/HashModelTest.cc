@@ -23,11 +23,14 @@ using namespace QelSS::testing;
 using Model = std::map<std::string, long long>;  // std::string orders by bytes, as the hash does
 
 // Keys of several lengths and cases, so that byte order differs from length
-// order and from case-blind order.
+// order and from case-blind order; long common beginnings, keys of exactly
+// eight bytes and bytes above 0x7f, so that the table's comparison of a key's
+// first eight bytes as a number must agree with strcmp.
 std::string KeyFor(int n) {
-  static const char* const kPrefixes[] = {"k", "K", "key.", "a/b", "~"};
-  char text[32];
-  std::snprintf(text, sizeof text, "%s%d", kPrefixes[n % 5], n);
+  static const char* const kPrefixes[] = {
+      "k", "K", "key.", "a/b", "~", "settings.window.", "\xc3\xa9t\xc3\xa9", "abcdefg"};
+  char text[48];
+  std::snprintf(text, sizeof text, "%s%d", kPrefixes[n % 8], n);
   return text;
 }
 
