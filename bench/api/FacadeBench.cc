@@ -99,6 +99,29 @@ void BM_FacadeGetLongLong(benchmark::State& state) {
 }
 BENCHMARK(BM_FacadeGetLongLong)->Arg(1000)->Arg(10000);
 
+// Every key of the domain once per round, in an order unrelated to the keys'
+// order, so that a read finds little of its path left in the cache by the
+// read before it.
+void BM_FacadeGetEveryKey(benchmark::State& state) {
+  QSSDomain* facade = Domain(state);
+  if (!facade) return;
+  const int keys = static_cast<int>(state.range(0));
+  std::vector<std::string> paths;
+  for (int k = 0; k < keys; ++k) paths.push_back(KeyPath(static_cast<int>((k * 7919L) % keys)));
+  for (auto _ : state) {
+    for (const std::string& path : paths) {
+      long long value = 0;
+      benchmark::DoNotOptimize(facade->Get(path.c_str(), value));
+      benchmark::DoNotOptimize(value);
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * keys);
+  state.counters["ns_per_key"] = benchmark::Counter(
+      static_cast<double>(keys) * static_cast<double>(state.iterations()),
+      benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_FacadeGetEveryKey)->Arg(1000)->Unit(benchmark::kMicrosecond);
+
 // One facade read by one and by two threads at once: the reads per second of
 // the whole run (items_per_second) show how reading scales.
 void BM_FacadeGetThreads(benchmark::State& state) {

@@ -10,9 +10,11 @@ namespace QelSS {
 HashTable::Probe::Probe(const char* key) noexcept : prefix(0), text(key) {
   // Big-endian, padded with zeros after the end: numbers order as strcmp
   // orders the first eight bytes.
-  size_t i = 0;
-  for (; i < 8 && key[i] != '\0'; ++i) prefix = prefix << 8 | static_cast<unsigned char>(key[i]);
-  prefix <<= 8 * (8 - i);
+  bool ended = false;
+  for (size_t i = 0; i < 8; ++i) {
+    ended = ended || key[i] == '\0';
+    prefix = prefix << 8 | (ended ? 0u : static_cast<unsigned char>(key[i]));
+  }
 }
 
 int HashTable::Compare(const Item& item, const Probe& key) noexcept {
