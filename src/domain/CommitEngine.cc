@@ -189,7 +189,7 @@ std::error_code CommitEngine::ApplyTransaction(const std::shared_ptr<IHash>& rec
   TreeWriter writer(settings_);
   if (std::error_code changed = ApplyChanges(writer, changes); changed != kSuccess) return changed;
   if (std::error_code raised = RaiseCount(writer); raised != kSuccess) return raised;
-  Publish(writer.Root());
+  Publish(writer);
   if (std::error_code remembered = RememberChanges(changes); remembered != kSuccess) {
     return Report("UpdateGCChanges", "Failed to update GC changes", remembered);
   }
@@ -248,7 +248,9 @@ const IHash* CommitEngine::ReadableTree() const {
   return slot->tree.get();
 }
 
-void CommitEngine::Publish(std::shared_ptr<IHash> root) {
+void CommitEngine::Publish(TreeWriter& writer) {
+  writer.Freeze();
+  std::shared_ptr<IHash> root = writer.Root();
   std::shared_ptr<IHash> tree;
   // The writer changed what was there, so the tree is where it was.
   (void)DomainRoot::GetInternalSettings(root, tree);
@@ -270,7 +272,7 @@ std::error_code CommitEngine::AdoptTransaction(const std::shared_ptr<IHash>& rec
   if (std::error_code checked = CheckApplicable(changes); checked != kSuccess) return checked;
   // The root is the transaction's own copy: the count goes into it directly.
   if (std::error_code raised = RaiseCount(*version); raised != kSuccess) return raised;
-  Publish(version->Root());
+  Publish(*version);
   if (std::error_code remembered = RememberChanges(changes); remembered != kSuccess) {
     return Report("UpdateGCChanges", "Failed to update GC changes", remembered);
   }
@@ -287,7 +289,7 @@ std::error_code CommitEngine::ValidateAndApply(const std::shared_ptr<IHash>& rec
 std::error_code CommitEngine::IncrementGCCount() {
   TreeWriter writer(settings_);
   if (std::error_code raised = RaiseCount(writer); raised != kSuccess) return raised;
-  Publish(writer.Root());
+  Publish(writer);
   return kSuccess;
 }
 

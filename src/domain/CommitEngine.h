@@ -124,7 +124,7 @@ class CommitEngine {
   // The count raised by one, in `writer`'s version (failures reported).
   std::error_code RaiseCount(TreeWriter& writer) const;
   // Makes `root` (a stored root) the state.
-  void Publish(std::shared_ptr<IHash> root);
+  void Publish(TreeWriter& writer);
   // Hands tree_ to readers on other threads.
   void Publish();
   std::error_code RememberChanges(const std::vector<Change>& changes);

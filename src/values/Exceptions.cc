@@ -2,13 +2,13 @@
 
 namespace QelSS {
 
-#define QELSS_DEFINE_EXCEPTION(Name)                                      \
-  Name::~Name() = default;                                                \
+#define QELSS_DEFINE_EXCEPTION(Name)                                                \
+  Name::~Name() = default;                                                          \
   QelException::StdErrException* Name::copyThis() const { return new Name(*this); } \
-  void Name::deleteAndRethrow() {                                         \
-    Name copy(*this);                                                     \
-    delete this;                                                          \
-    throw copy;                                                           \
+  void Name::deleteAndRethrow() {                                                   \
+    Name copy(*this);                                                               \
+    delete this;                                                                    \
+    throw copy;                                                                     \
   }
 
 QELSS_DEFINE_EXCEPTION(DataTypeException)

@@ -292,7 +292,7 @@ void Hash::Freeze() {
   frozen_.store(true, std::memory_order_release);
 }
 
-const std::shared_ptr<IValue>* Hash::FindFrozen(const char* key) const {
+const std::shared_ptr<IValue>* Hash::FindFrozen(std::string_view key) const {
   const HashTable::Entry* entry = entries_.Find(key);
   return entry != nullptr ? &entry->second : nullptr;
 }

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -77,10 +78,13 @@ class Hash final : public IHash, public Value {
   // SetEntries, which answer nothing, leave it as it is). Only the hash's
   // owner freezes it, before anyone else can see it.
   void Freeze();
+  // The same when every Hash this one holds is frozen already: nothing below
+  // is visited.
+  void MarkFrozen() noexcept { frozen_.store(true, std::memory_order_release); }
   bool IsFrozen() const noexcept { return frozen_.load(std::memory_order_acquire); }
   // The stored value under `key` of a frozen hash, or null; it lives as long
   // as the hash holds it, which for a frozen hash is as long as the hash.
-  const std::shared_ptr<IValue>* FindFrozen(const char* key) const;
+  const std::shared_ptr<IValue>* FindFrozen(std::string_view key) const;
 
  private:
   template <typename Block>

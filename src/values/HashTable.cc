@@ -7,21 +7,25 @@
 
 namespace QelSS {
 
-HashTable::Probe::Probe(const char* key) noexcept : prefix(0), text(key) {
+HashTable::Probe::Probe(std::string_view key) noexcept : prefix(0), text(key) {
   // Big-endian, padded with zeros after the end: numbers order as strcmp
-  // orders the first eight bytes.
+  // orders the first eight bytes. A zero byte ends the key, as in C.
   bool ended = false;
   for (size_t i = 0; i < 8; ++i) {
-    ended = ended || key[i] == '\0';
+    ended = ended || i >= key.size() || key[i] == '\0';
     prefix = prefix << 8 | (ended ? 0u : static_cast<unsigned char>(key[i]));
   }
 }
 
-int HashTable::Compare(const Item& item, const Probe& key) noexcept {
-  if (item.probe.prefix != key.prefix) return item.probe.prefix < key.prefix ? -1 : 1;
-  // The same first eight bytes: a zero among them ended both keys there.
-  if ((key.prefix & 0xff) == 0) return 0;
-  return std::strcmp(item.probe.text + 8, key.text + 8);
+int HashTable::CompareRest(const Item& item, const Probe& key) noexcept {
+  // Both keys have eight bytes before any zero.
+  const char* stored = item.entry.first->GetCString() + 8;
+  const size_t rest = key.text.size() - 8;
+  if (const int order = std::strncmp(stored, key.text.data() + 8, rest); order != 0) return order;
+  // Equal so far: both ended at one zero byte inside the key, or the stored
+  // key goes on.
+  if (std::memchr(stored, '\0', rest) != nullptr) return 0;
+  return stored[rest] == '\0' ? 0 : 1;
 }
 
 HashTable::HashTable(HashEntries&& entries) {
@@ -93,7 +97,7 @@ HashTable::Slot HashTable::LowerBound(const Probe& key) const {
           static_cast<size_t>(item - (*leaf)->begin())};
 }
 
-const HashTable::Entry* HashTable::Find(const char* key) const {
+const HashTable::Entry* HashTable::Find(std::string_view key) const {
   const Probe probe(key);
   const Slot slot = LowerBound(probe);
   return Holds(slot, probe) ? &At(slot) : nullptr;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -30,8 +31,8 @@ namespace QelSS {
 // written and tables that share leaves may live on different threads.
 //
 // Beside each entry sit its key's first eight bytes as one number (in strcmp
-// order) and its text: most comparisons of a lookup are then one comparison
-// of numbers, without a call to the key or a walk to its bytes.
+// order): most comparisons of a lookup are then one comparison of numbers,
+// without a call to the key or a walk to its bytes.
 //
 // Not thread-safe: the hash that owns it runs every access on its queue, a
 // copy included (the copy takes the source's leaves from it).
@@ -80,8 +81,8 @@ class HashTable {
   // The key of the entry must stay as it is; its value may change.
   Entry& At(const Slot& slot) { return Own(slot.leaf)[slot.index].entry; }
   const Entry& At(const Slot& slot) const { return (*leaves_[slot.leaf])[slot.index].entry; }
-  // The entry with exactly the text `key`, or null.
-  const Entry* Find(const char* key) const;
+  // The entry with exactly the text `key` (up to a zero byte in it), or null.
+  const Entry* Find(std::string_view key) const;
 
   // Puts a new entry at `slot`, which LowerBound gave for the entry's key.
   void InsertAt(const Slot& slot, Entry&& entry);
@@ -131,20 +132,27 @@ class HashTable {
  private:
   // A key as lookups compare it.
   struct Probe {
-    explicit Probe(const char* key) noexcept;
+    explicit Probe(std::string_view key) noexcept;
     uint64_t prefix;
-    const char* text;
+    std::string_view text;
   };
   struct Item {
     explicit Item(Entry&& made) noexcept
-        : entry(std::move(made)), probe(entry.first->GetCString()) {}
+        : entry(std::move(made)), prefix(Probe(entry.first->GetCString()).prefix) {}
     Entry entry;
-    Probe probe;  // of entry.first, whose text lives as long as the entry
+    uint64_t prefix;  // Probe::prefix of the key
   };
   using Leaf = std::vector<Item>;
 
   // Negative, zero or positive as `item`'s key is less, equal or greater.
-  static int Compare(const Item& item, const Probe& key) noexcept;
+  static int Compare(const Item& item, const Probe& key) noexcept {
+    if (item.prefix != key.prefix) return item.prefix < key.prefix ? -1 : 1;
+    // The same first eight bytes: a zero among them ended both keys there.
+    if ((key.prefix & 0xff) == 0) return 0;
+    return CompareRest(item, key);
+  }
+  // The same for keys that share their first eight bytes.
+  static int CompareRest(const Item& item, const Probe& key) noexcept;
   Slot LowerBound(const Probe& key) const;
   bool Holds(const Slot& slot, const Probe& key) const;
 

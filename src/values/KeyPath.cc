@@ -6,6 +6,7 @@
 #include "qelss/values/HashFactory.h"
 #include "qelss/values/IArray.h"
 #include "qelss/values/ValueHelper.h"
+#include "values/ContainerSupport.h"
 #include "values/Hash.h"
 #include "values/ValueCast.h"
 
@@ -150,12 +151,13 @@ std::error_code KeyPath::Lookup(const IHash& tree, std::string_view path,
       level = FastCast<IHash, Hash>(found);
       if (level == nullptr) return kNotFound;
     }
-    key.assign(path.substr(start, end - start));
+    const std::string_view component = path.substr(start, end - start);
     const Hash* hash = ExactCast<Hash>(static_cast<const IValue*>(level));
     if (hash != nullptr && hash->IsFrozen()) {
-      inFrozen = hash->FindFrozen(key.c_str());
+      inFrozen = hash->FindFrozen(component);
       if (inFrozen == nullptr) return kNotFound;
     } else {
+      key.assign(component);
       std::shared_ptr<IValue> next;
       if (std::error_code got = level->Get(key.c_str(), next); !Succeeded(got)) return got;
       held = std::move(next);
@@ -275,8 +277,22 @@ std::error_code TreeWriter::Store(std::string_view path, const std::shared_ptr<I
   std::shared_ptr<IValue> attach;
   result = BuildChain(components, walk.covered, value, attach);
   if (Succeeded(result)) result = Own(walk.levels, components);
-  if (!Succeeded(result)) return result;
-  return walk.levels.back()->Set(key.c_str(), attach);
+  if (Succeeded(result)) result = walk.levels.back()->Set(key.c_str(), attach);
+  if (Succeeded(result) && IsContainer(*attach)) stored_.push_back(attach);
+  return result;
+}
+
+void TreeWriter::Freeze() {
+  for (const auto& value : stored_) {
+    if (auto* hash = const_cast<Hash*>(ExactCast<Hash>(value.get()))) hash->Freeze();
+  }
+  // Every hash below a copy is one of the above, another copy, or was frozen
+  // in the version the writer started from.
+  for (const auto& copy : copies_) {
+    if (auto* hash = const_cast<Hash*>(ExactCast<Hash>(static_cast<const IValue*>(copy.get())))) {
+      hash->MarkFrozen();
+    }
+  }
 }
 
 std::error_code TreeWriter::Remove(std::string_view path) {

@@ -81,6 +81,12 @@ class TreeWriter {
   // The tree with every change so far.
   const std::shared_ptr<IHash>& Root() const noexcept { return root_; }
 
+  // Makes the tree as it now stands read-only for good (see Hash::Freeze),
+  // visiting only the copies this writer made and the containers it stored:
+  // everything else came from a frozen version. Changes through this writer
+  // fail afterwards.
+  void Freeze();
+
  private:
   // Makes every hash of `levels` (the root first, each the parent of the next
   // under `components`) this writer's own; `levels` then holds the copies.
@@ -94,6 +100,8 @@ class TreeWriter {
   std::vector<std::shared_ptr<IHash>> copies_;
   // The addresses of copies_, once there are too many to search one by one.
   std::unordered_set<const IHash*> owned_;
+  // The containers stored so far, which may hold hashes never frozen.
+  std::vector<std::shared_ptr<IValue>> stored_;
 };
 
 }  // namespace QelSS
