@@ -66,8 +66,9 @@ std::error_code Hash::Set(const std::shared_ptr<IString>& key,
   std::error_code result = kFailure;
   OnQueue(DispatchQueue::kRunChangesState, [&] {
     const char* text = key->GetCString();
-    const HashTable::Slot slot = entries_.LowerBound(text);
-    if (entries_.Holds(slot, text)) {
+    bool held = false;
+    const HashTable::Slot slot = entries_.Locate(text, held);
+    if (held) {
       replaced = std::exchange(entries_.At(slot).second, value);
     } else {
       entries_.InsertAt(slot, {key, value});
@@ -84,8 +85,9 @@ std::error_code Hash::Set(const char* key, const std::shared_ptr<IValue>& value)
   std::error_code result = kFailure;
   OnQueue(DispatchQueue::kRunChangesState, [&] {
     // Replacing keeps the stored key, so only a new key costs a String.
-    const HashTable::Slot slot = entries_.LowerBound(key);
-    if (entries_.Holds(slot, key)) {
+    bool held = false;
+    const HashTable::Slot slot = entries_.Locate(key, held);
+    if (held) {
       replaced = std::exchange(entries_.At(slot).second, value);
       result = kSuccess;
       return;
@@ -159,12 +161,12 @@ std::error_code Hash::Lookup(const char* key, std::shared_ptr<IValue>* out) cons
   std::shared_ptr<IValue> found;
   std::error_code result = kFailure;
   OnQueue(DispatchQueue::kRunNoFlags, [&] {
-    const HashTable::Slot slot = entries_.LowerBound(key);
-    if (!entries_.Holds(slot, key)) {
+    const HashTable::Entry* entry = entries_.Find(key);
+    if (entry == nullptr) {
       result = kNotFound;
       return;
     }
-    if (out != nullptr) found = entries_.At(slot).second;
+    if (out != nullptr) found = entry->second;
     result = kSuccess;
   });
   // Whatever `out` held before is released off the queue.

@@ -83,7 +83,12 @@ void HashTable::EraseLeaf(size_t index) {
   }
 }
 
-HashTable::Slot HashTable::LowerBound(const char* key) const { return LowerBound(Probe(key)); }
+HashTable::Slot HashTable::Locate(const char* key, bool& held) const {
+  const Probe probe(key);
+  const Slot slot = LowerBound(probe);
+  held = Holds(slot, probe);
+  return slot;
+}
 
 HashTable::Slot HashTable::LowerBound(const Probe& key) const {
   auto leaf = std::partition_point(leaves_.begin(), leaves_.end(),
@@ -113,8 +118,6 @@ bool HashTable::Add(Entry&& entry) {
   InsertAt(slot, std::move(entry));
   return true;
 }
-
-bool HashTable::Holds(const Slot& slot, const char* key) const { return Holds(slot, Probe(key)); }
 
 bool HashTable::Holds(const Slot& slot, const Probe& key) const {
   return slot.leaf < leaves_.size() && slot.index < leaves_[slot.leaf]->size() &&

@@ -74,17 +74,15 @@ class HashTable {
   size_t Size() const noexcept { return size_; }
   bool Empty() const noexcept { return size_ == 0; }
 
-  // The first entry whose key is not less than `key`.
-  Slot LowerBound(const char* key) const;
-  // True when `slot` holds an entry with exactly the text `key`.
-  bool Holds(const Slot& slot, const char* key) const;
+  // Where the entry with the text `key` is (`held` true), or would go.
+  Slot Locate(const char* key, bool& held) const;
   // The key of the entry must stay as it is; its value may change.
   Entry& At(const Slot& slot) { return Own(slot.leaf)[slot.index].entry; }
   const Entry& At(const Slot& slot) const { return (*leaves_[slot.leaf])[slot.index].entry; }
   // The entry with exactly the text `key` (up to a zero byte in it), or null.
   const Entry* Find(std::string_view key) const;
 
-  // Puts a new entry at `slot`, which LowerBound gave for the entry's key.
+  // Puts a new entry at `slot`, which Locate gave for the entry's key.
   void InsertAt(const Slot& slot, Entry&& entry);
   // Adds `entry` unless its key's text is held already (then it is dropped
   // and the answer is false). Keys in ascending order, as copies and platform
