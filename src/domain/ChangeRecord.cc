@@ -8,6 +8,7 @@
 #include "qelss/values/StringFactory.h"
 #include "values/KeyPath.h"
 #include "values/StorableText.h"
+#include "values/ValueCast.h"
 
 namespace QelSS {
 
@@ -60,7 +61,7 @@ std::error_code ReadChangeRecord(const std::shared_ptr<IHash>& change,
       read != kSuccess) {
     return read;
   }
-  auto number = std::dynamic_pointer_cast<INumber>(found);
+  auto number = AsNumber(found);
   int64_t kind = 0;
   if (!number || number->GetInt64(kind) != kSuccess) return kInvalidData;
   type = static_cast<Constants::TransactionChangeType>(kind);
@@ -83,7 +84,7 @@ std::error_code GetChangeArray(const std::shared_ptr<IHash>& record,
       read != kSuccess) {
     return read;
   }
-  auto array = std::dynamic_pointer_cast<IArray>(found);
+  auto array = AsArray(found);
   if (!array) return kInvalidData;
   changes = std::move(array);
   return kSuccess;
@@ -99,8 +100,7 @@ std::error_code ReadChanges(const std::shared_ptr<IArray>& changes, std::vector<
   std::error_code walked =
       changes->Iterate([&](const std::shared_ptr<IValue>& element, unsigned int, bool& stop) {
         Change change;
-        if (ReadChangeRecord(std::dynamic_pointer_cast<IHash>(element), change.path, change.type,
-                             change.value) != kSuccess) {
+        if (ReadChangeRecord(AsHash(element), change.path, change.type, change.value) != kSuccess) {
           result = make_error_code(kInvalidData);
           stop = true;
           return;

@@ -50,7 +50,7 @@ std::error_code ReadRecordChanges(const std::shared_ptr<IHash>& record,
 std::error_code Clone(const std::shared_ptr<IHash>& hash, std::shared_ptr<IHash>& copy) {
   std::shared_ptr<IValue> cloned;
   if (std::error_code made = hash->Clone(cloned); made != kSuccess) return made;
-  auto copied = std::dynamic_pointer_cast<IHash>(cloned);
+  auto copied = AsHash(cloned);
   if (!copied) return kInvalidData;
   copy = std::move(copied);
   return kSuccess;
@@ -298,7 +298,7 @@ std::error_code CommitEngine::RaiseCount(TreeWriter& writer) const {
   std::error_code result = DomainRoot::LookUp(*settings_, RecordKeys::kGenerationCount, value);
   int64_t count = 0;
   if (result == kSuccess && value) {
-    auto number = std::dynamic_pointer_cast<INumber>(value);
+    auto number = AsNumber(value);
     if (!number || number->GetInt64(count) != kSuccess) result = make_error_code(kInvalidData);
   }
   std::shared_ptr<INumber> raised;

@@ -5,6 +5,7 @@
 #include "qelss/values/INumber.h"
 #include "qelss/values/IString.h"
 #include "qelss/values/NumberFactory.h"
+#include "values/ValueCast.h"
 
 namespace QelSS::DomainRoot {
 
@@ -23,7 +24,7 @@ std::error_code LookUp(const IHash& hash, const char* key, std::shared_ptr<IValu
 std::error_code LookUpString(const IHash& hash, const char* key, std::shared_ptr<IString>& text) {
   std::shared_ptr<IValue> found;
   if (std::error_code read = LookUp(hash, key, found); read != kSuccess) return read;
-  auto string = std::dynamic_pointer_cast<IString>(found);
+  auto string = AsString(found);
   if (!string) return kInvalidData;
   text = std::move(string);
   return kSuccess;
@@ -48,7 +49,7 @@ std::error_code GetGenerationCount(const std::shared_ptr<IHash>& hash, int64_t& 
       found != kSuccess) {
     return found;
   }
-  auto number = std::dynamic_pointer_cast<INumber>(value);
+  auto number = AsNumber(value);
   int64_t read = 0;
   if (!number || number->GetInt64(read) != kSuccess) return kInvalidData;
   count = read;
@@ -73,7 +74,7 @@ std::error_code GetInternalSettings(const std::shared_ptr<IHash>& root,
       found != kSuccess) {
     return found;
   }
-  auto tree = std::dynamic_pointer_cast<IHash>(value);
+  auto tree = AsHash(value);
   if (!tree) return kInvalidData;
   settings = std::move(tree);
   return kSuccess;

@@ -17,6 +17,7 @@
 #include "values/ContainerSupport.h"
 #include "values/KeyPath.h"
 #include "values/StorableText.h"
+#include "values/ValueCast.h"
 
 namespace QelSS {
 namespace {
@@ -78,8 +79,7 @@ std::error_code Transaction::CheckTree() const {
       found != kSuccess) {
     return found;
   }
-  return std::dynamic_pointer_cast<IHash>(value) ? make_error_code(kSuccess)
-                                                 : make_error_code(kInvalidData);
+  return AsHash(value) ? make_error_code(kSuccess) : make_error_code(kInvalidData);
 }
 
 std::error_code Transaction::Delete(const std::string& path) {
@@ -176,7 +176,7 @@ std::error_code Transaction::TakeOverRecord(const std::shared_ptr<IHash>& record
   if (std::error_code got = record->Get(RecordKeys::kDomainName, name); got != kSuccess) {
     return got;
   }
-  auto text = std::dynamic_pointer_cast<IString>(name);
+  auto text = AsString(name);
   if (!text) return kInvalidData;
   if (std::string_view(text->GetCString()) != domainName_->GetCString()) {
     return kTransactionConflict;
@@ -201,7 +201,7 @@ std::error_code Transaction::TakeOverRecord(const std::shared_ptr<IHash>& record
   if (std::error_code got = record->Get(RecordKeys::kChanges, changes); got != kSuccess) {
     return got;
   }
-  if (auto array = std::dynamic_pointer_cast<IArray>(changes)) {
+  if (auto array = AsArray(changes)) {
     changes_ = std::move(array);
     return kSuccess;
   }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "qelss/values/StringFactory.h"
+#include "values/ValueCast.h"
 
 namespace QelSS {
 namespace {
@@ -16,11 +17,6 @@ std::error_code EntriesOf(const IHash& hash, Entries& out) {
   out.reserve(hash.GetCount());
   return hash.Iterate([&](const std::shared_ptr<IString>& key, const std::shared_ptr<IValue>& value,
                           bool&) { out.emplace_back(key, value); });
-}
-
-std::shared_ptr<IHash> AsHash(const std::shared_ptr<IValue>& value) {
-  if (!value || value->GetType() != kValueTypeHash) return nullptr;
-  return std::dynamic_pointer_cast<IHash>(value);
 }
 
 class Differ {

@@ -8,6 +8,7 @@
 #include "qelss/ipc/DomainUtil.h"
 #include "qelss/platform/ErrorCode.h"
 #include "qelss/values/Exceptions.h"
+#include "values/ValueCast.h"
 
 namespace QelSS {
 
@@ -50,7 +51,7 @@ std::error_code RootOf(const std::shared_ptr<IHash>& reply, std::shared_ptr<IHas
       value->GetType() != kValueTypeHash) {
     return make_error_code(kInvalidData);
   }
-  root = std::dynamic_pointer_cast<IHash>(value);
+  root = AsHash(value);
   return root ? make_error_code(kSuccess) : make_error_code(kInvalidData);
 }
 

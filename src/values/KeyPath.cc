@@ -19,7 +19,7 @@ std::error_code ChildHash(const IHash& level, const std::string& key, std::share
   std::shared_ptr<IValue> child;
   std::error_code result = level.Get(key.c_str(), child);
   if (!Succeeded(result)) return result;
-  out = std::dynamic_pointer_cast<IHash>(child);
+  out = AsHash(child);
   return out ? make_error_code(kSuccess) : make_error_code(kInvalidType);
 }
 
@@ -68,10 +68,10 @@ bool Holds(const std::shared_ptr<IValue>& value, const std::vector<const IValue*
     return true;
   }
   bool found = false;
-  if (auto hash = std::dynamic_pointer_cast<IHash>(value)) {
+  if (auto hash = AsHash(value)) {
     (void)hash->Iterate([&](const std::shared_ptr<IString>&, const std::shared_ptr<IValue>& child,
                             bool& stop) { stop = found = Holds(child, containers); });
-  } else if (auto array = std::dynamic_pointer_cast<IArray>(value)) {
+  } else if (auto array = AsArray(value)) {
     (void)array->Iterate([&](const std::shared_ptr<IValue>& child, unsigned int, bool& stop) {
       stop = found = Holds(child, containers);
     });
@@ -80,7 +80,7 @@ bool Holds(const std::shared_ptr<IValue>& value, const std::vector<const IValue*
 }
 
 bool WouldContainItself(const Walk& walk, const std::shared_ptr<IValue>& value) {
-  if (!std::dynamic_pointer_cast<IHash>(value) && !std::dynamic_pointer_cast<IArray>(value)) {
+  if (!AsHash(value) && !AsArray(value)) {
     return false;
   }
   std::vector<const IValue*> ancestors;
@@ -208,7 +208,9 @@ std::error_code KeyPath::Remove(const std::shared_ptr<IHash>& tree, std::string_
 namespace {
 
 std::error_code CopyOf(const IHash& hash, std::shared_ptr<IHash>& out) {
-  if (const auto* concrete = dynamic_cast<const Hash*>(&hash)) return concrete->ShallowCopy(out);
+  if (const Hash* concrete = ExactCast<Hash>(static_cast<const IValue*>(&hash))) {
+    return concrete->ShallowCopy(out);
+  }
   std::shared_ptr<IHash> copy;
   if (std::error_code made = HashFactory::Create(copy); !Succeeded(made)) return made;
   std::error_code result = make_error_code(kSuccess);

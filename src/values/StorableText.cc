@@ -4,6 +4,7 @@
 #include "qelss/values/IArray.h"
 #include "qelss/values/IHash.h"
 #include "qelss/values/IString.h"
+#include "values/ValueCast.h"
 
 namespace QelSS {
 namespace {
@@ -15,15 +16,15 @@ bool IsStorable(const std::shared_ptr<IString>& text) {
 bool Storable(const std::shared_ptr<IValue>& value, int levels) {
   if (levels < 1) return false;
   if (!value) return true;
-  if (auto text = std::dynamic_pointer_cast<IString>(value)) return IsStorable(text);
+  if (auto text = AsString(value)) return IsStorable(text);
   bool storable = true;
-  if (auto hash = std::dynamic_pointer_cast<IHash>(value)) {
+  if (auto hash = AsHash(value)) {
     (void)hash->Iterate(
         [&](const std::shared_ptr<IString>& key, const std::shared_ptr<IValue>& item, bool& stop) {
           storable = IsStorable(key) && Storable(item, levels - 1);
           stop = !storable;
         });
-  } else if (auto array = std::dynamic_pointer_cast<IArray>(value)) {
+  } else if (auto array = AsArray(value)) {
     (void)array->Iterate([&](const std::shared_ptr<IValue>& item, unsigned int, bool& stop) {
       storable = Storable(item, levels - 1);
       stop = !storable;

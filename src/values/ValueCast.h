@@ -7,9 +7,14 @@
 // the object is one subtraction away.
 
 #include <cstddef>
+#include <memory>
 #include <typeinfo>
 
 #include "qelss/values/IValue.h"
+#include "values/Array.h"
+#include "values/Hash.h"
+#include "values/Number.h"
+#include "values/String.h"
 
 namespace QelSS {
 
@@ -30,6 +35,30 @@ template <typename Interface, typename Concrete>
 const Interface* FastCast(const IValue* value) noexcept {
   if (const Concrete* exact = ExactCast<Concrete>(value)) return exact;
   return dynamic_cast<const Interface*>(value);
+}
+
+// Shares ownership with `value` as Interface, or null. The type tag answers
+// the common "no" before any cast is tried: a failing dynamic_cast is the
+// slowest of all, since it walks the whole hierarchy.
+template <typename Interface, typename Concrete, uint32_t kTag>
+std::shared_ptr<Interface> FastPointerCast(const std::shared_ptr<IValue>& value) noexcept {
+  if (value == nullptr || value->GetType() != kTag) return nullptr;
+  const Interface* raw = FastCast<Interface, Concrete>(value.get());
+  if (raw == nullptr) return nullptr;
+  return std::shared_ptr<Interface>(value, const_cast<Interface*>(raw));
+}
+
+inline std::shared_ptr<IHash> AsHash(const std::shared_ptr<IValue>& value) noexcept {
+  return FastPointerCast<IHash, Hash, kValueTypeHash>(value);
+}
+inline std::shared_ptr<IArray> AsArray(const std::shared_ptr<IValue>& value) noexcept {
+  return FastPointerCast<IArray, Array, kValueTypeArray>(value);
+}
+inline std::shared_ptr<INumber> AsNumber(const std::shared_ptr<IValue>& value) noexcept {
+  return FastPointerCast<INumber, Number, kValueTypeNumber>(value);
+}
+inline std::shared_ptr<IString> AsString(const std::shared_ptr<IValue>& value) noexcept {
+  return FastPointerCast<IString, String, kValueTypeString>(value);
 }
 
 }  // namespace QelSS

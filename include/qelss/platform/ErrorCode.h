@@ -63,10 +63,12 @@ class QELSS_EXPORT QelSharedSettingError final : public std::error_category {
   std::string message(int value) const override;
 };
 
-// The single category object, created on first use.
+// The single category object; it is never destroyed.
 QELSS_EXPORT const std::error_category& qelss_category() noexcept;
 
-QELSS_EXPORT std::error_code make_error_code(ErrorCode code) noexcept;
+inline std::error_code make_error_code(ErrorCode code) noexcept {
+  return std::error_code(static_cast<int>(code), qelss_category());
+}
 
 // The enumerator's name for a code value ("kNotFound" for 203), for tools and
 // logs; "unknown" for a value that is not one of the library's codes.

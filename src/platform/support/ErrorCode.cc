@@ -8,21 +8,22 @@ const char* QelSharedSettingError::name() const noexcept { return "QelSharedSett
 
 std::string QelSharedSettingError::message(int) const { return "QelSharedSetting Message"; }
 
-const std::error_category& qelss_category() noexcept {
-  // Never destroyed: the worker pool runs on through exit, and the codes it
-  // makes and compares there must still reach their category.
-  union Immortal {
-    QelSharedSettingError category;
-    Immortal() : category() {}
-    ~Immortal() {}
-  };
-  static const Immortal immortal;
-  return immortal.category;
-}
+namespace {
 
-std::error_code make_error_code(ErrorCode code) noexcept {
-  return std::error_code(static_cast<int>(code), qelss_category());
-}
+// Never destroyed: the worker pool runs on through exit, and the codes it
+// makes and compares there must still reach their category. Constant
+// initialisation spares every code made on a hot path the guard of a
+// function-local static.
+union Immortal {
+  QelSharedSettingError category;
+  constexpr Immortal() : category() {}
+  ~Immortal() {}
+};
+constinit const Immortal immortal;
+
+}  // namespace
+
+const std::error_category& qelss_category() noexcept { return immortal.category; }
 
 std::string_view ErrorCodeName(int value) noexcept {
   switch (value) {
