@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
@@ -25,12 +26,17 @@
 #include "Log.h"
 #include "PredefineWatcher.h"
 #include "Service.h"
+#include "platform/dispatch/PollingRun.h"
 #include "qelss/ipc/Connection.h"
 #include "qelss/platform/xpc_connection.h"
 
 namespace {
 
 using QelSS::service::Log;
+
+// The service answers a busy client's next request without a wake-up.
+constexpr std::chrono::microseconds kPollWindow{500};
+
 using Protocol = asio::local::stream_protocol;
 
 struct Options {
@@ -165,7 +171,7 @@ int Run(const Options& options) {
       WatchPredefines(io, service, options);
   service.Serve(acceptor);
   sd_notify(0, "READY=1");
-  io.run();
+  QelSS::platform::RunPolling(io, kPollWindow);
   sd_notify(0, "STOPPING=1");
   std::error_code ignored;
   acceptor.close(ignored);

@@ -4,12 +4,17 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
+
+#include "platform/dispatch/PollingRun.h"
 
 namespace QelSS::platform {
 
 namespace {
 
 constexpr unsigned kMaxThreads = 64;
+// Pool threads serve replies from the service and the queue hops after them.
+constexpr std::chrono::microseconds kPollWindow{250};
 
 unsigned InitialSize() { return std::clamp(std::thread::hardware_concurrency(), 2u, 4u); }
 
@@ -48,7 +53,7 @@ void WorkerPool::StartThreadLocked() {
   threads_.emplace_back([this] {
     tPoolOfThisThread = this;
     pthread_setname_np(pthread_self(), "qelss-dispatch");
-    context_.run();
+    RunPolling(context_, kPollWindow);
   });
 }
 

@@ -16,8 +16,8 @@ namespace QelSS::platform {
 //
 // Started on first use and never destroyed: exit handlers and destructors of
 // static objects may still queue work, and no exit path ever waits for a pool
-// thread, so a block stuck at exit cannot hang the process. Idle threads sleep
-// in the io_context and end with the process. They run with every signal
+// thread, so a block stuck at exit cannot hang the process. Idle threads poll
+// briefly, then sleep in the io_context, and end with the process. They run with every signal
 // blocked so that signals reach the application's own threads.
 //
 // A block running on the pool may wait for a queue whose drain job is still in
