@@ -226,13 +226,14 @@ void ServedDomain::Apply(const std::shared_ptr<IHash>& record, xpc_object_t reco
     done(make_error_code(kFileWriteError));
     return;
   }
+  // The version replaced is let go of when this returns, after the answer
+  // went out: in a large domain, freeing it costs more than the commit.
+  const std::shared_ptr<IHash> replaced = engine_->Root();
   std::vector<Change> applied;
   if (std::error_code changed = engine_->ApplyTransaction(record, applied); changed != kSuccess) {
     done(changed);
     return;
   }
-  Log(LOG_INFO, "domain %s: generation %lld by uid %u pid %d client %s", name_.c_str(),
-      static_cast<long long>(generation), peer.uid, peer.pid, committer.client.c_str());
   ScheduleSnapshot();
 
   // The push is built only when someone will receive it.
@@ -245,13 +246,19 @@ void ServedDomain::Apply(const std::shared_ptr<IHash>& record, xpc_object_t reco
       push->Set(RecordKeys::kTransaction, record) == kSuccess) {
     pushFrame = MessageFrame(platform::ipc::kNoRequest, "IPCCommand", push);
   }
+  // Followers hear first: their latency is the one that a committer waiting
+  // for its answer does not see. The state has the change whatever the disk
+  // said, so followers hear of it even when the sync failed.
   journal_->WhenDurable([done = std::move(done), pushFrame,
                          followers = std::move(followers)](std::error_code durable) {
+    if (pushFrame != nullptr) {
+      for (const auto& follower : followers) follower->Send(pushFrame);
+    }
     done(durable);
-    // The state has the change whatever the disk said: followers must see it.
-    if (pushFrame == nullptr) return;
-    for (const auto& follower : followers) follower->Send(pushFrame);
   });
+  // Logged once everyone has been told, so that writing it delays no one.
+  Log(LOG_INFO, "domain %s: generation %lld by uid %u pid %d client %s", name_.c_str(),
+      static_cast<long long>(generation), peer.uid, peer.pid, committer.client.c_str());
 }
 
 std::error_code ServedDomain::Import(
