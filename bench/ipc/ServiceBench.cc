@@ -107,6 +107,7 @@ void ConcurrentCommits(benchmark::State& state) {
   int64_t generation = GenerationOf(client, domain);
   const std::string key = "key" + std::to_string(state.thread_index());
   int64_t done = 0;
+  int64_t refused = 0;
   for (auto _ : state) {
     for (;;) {
       const std::error_code status = client.CommitRecord(
@@ -116,11 +117,13 @@ void ConcurrentCommits(benchmark::State& state) {
         state.SkipWithError("commit failed");
         return;
       }
+      ++refused;
       generation = GenerationOf(client, domain);
     }
     ++done;
   }
   state.SetItemsProcessed(done);
+  state.counters["refused"] = benchmark::Counter(static_cast<double>(refused));
 }
 BENCHMARK(ConcurrentCommits)->Threads(1)->Threads(16)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
