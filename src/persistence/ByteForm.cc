@@ -2,6 +2,7 @@
 
 #include "persistence/ByteFormReader.h"
 #include "persistence/ByteFormReference.h"
+#include "persistence/ByteFormStream.h"
 #include "persistence/ByteFormWriter.h"
 #include "platform/report/Failure.h"
 #include "platform/report/Report.h"
@@ -38,6 +39,7 @@ std::error_code ReadByteForm(const std::vector<uint8_t>& bytes,
   std::error_code result = kFailure;
   try {
     if (std::error_code code = CheckInput(bytes); !Succeeded(code)) return code;
+    if (byteform::StreamPlainByteForm(bytes.data(), bytes.size(), value)) return kSuccess;
     platform::xml::XmlDocument doc;
     if (std::error_code code = platform::xml::ParseXml(bytes.data(), bytes.size(), doc);
         !Succeeded(code)) {

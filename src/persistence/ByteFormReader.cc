@@ -1,14 +1,13 @@
 #include "persistence/ByteFormReader.h"
 
-#include <cmath>
 #include <cstring>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "persistence/ByteForm.h"
 #include "persistence/ByteFormNames.h"
+#include "persistence/ByteFormNormaliser.h"
 #include "persistence/ByteFormReference.h"
 #include "persistence/ByteFormScalars.h"
 #include "persistence/ByteFormWriter.h"
@@ -18,13 +17,9 @@
 #include "platform/xml/Xml.h"
 #include "qelss/platform/ErrorCode.h"
 #include "qelss/values/ArrayFactory.h"
-#include "qelss/values/DateFactory.h"
 #include "qelss/values/HashFactory.h"
 #include "qelss/values/IData.h"
-#include "qelss/values/IDate.h"
-#include "qelss/values/INumber.h"
 #include "qelss/values/IString.h"
-#include "qelss/values/NumberFactory.h"
 
 namespace QelSS::byteform {
 namespace {
@@ -32,11 +27,6 @@ namespace {
 using ValuePtr = std::shared_ptr<IValue>;
 
 constexpr uint32_t kTag = QelErrTag("QSSH");
-
-// Documents below this size cannot meet any of libxml2's limits (10,000,000
-// bytes for a text node, an attribute value, the parser's lookahead or its
-// dictionary); the margin absorbs what the size estimates might miss.
-constexpr size_t kLargestSafeRewrite = 9'000'000;
 
 const char* Name(const xmlNode* node) { return reinterpret_cast<const char*>(node->name); }
 
@@ -50,10 +40,6 @@ xmlNode* NextElement(xmlNode* node) {
 void Discard(xmlNode* node) {
   xmlUnlinkNode(node);
   xmlFreeNode(node);
-}
-
-size_t ElementSize(std::string_view name, size_t contentSize) {
-  return 2 * name.size() + std::string_view("<></>").size() + contentSize;
 }
 
 // The size of the element convertXMLNodeToBytes makes of a scalar node.
@@ -73,18 +59,6 @@ std::error_code Parses(const std::vector<uint8_t>& bytes) {
 bool IsContainer(const ValuePtr& value) {
   return value->GetType() == kValueTypeArray || value->GetType() == kValueTypeHash;
 }
-
-bool SameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
-
-// One direct child of a container, as its second reading would see it.
-struct Normalised {
-  ValuePtr value;
-  std::shared_ptr<IString> key;  // hashes only
-  unsigned int index = 0;        // arrays only
-  size_t written = 0;            // size of the child's byte form (the value's, for a hash)
-  std::error_code failure;       // what reading it again gives, if not success
-  ValuePtr replacement;          // the value it reads back as, when different
-};
 
 // A String or Data child of a container is rewritten a second time from the
 // text of its written element; for data that text has LF where the writer put
@@ -213,7 +187,7 @@ class Walk {
       return code;
     }
     size_t written = ElementSize(ElementNameOfType(type), 0);
-    std::vector<Normalised> children = NormaliseChildren(container, written);
+    std::vector<Normalised> children = normaliser_.NormaliseChildren(container, written);
     if (written >= kLargestSafeRewrite) {
       if (std::error_code code = CheckLargeRewrite(container, children, written);
           !Succeeded(code)) {
@@ -230,8 +204,10 @@ class Walk {
       }
       if (!Succeeded(normalised.failure)) return normalised.failure;
     }
-    if (std::error_code code = Replace(container, children); !Succeeded(code)) return code;
-    writtenSizes_[container] = written;
+    if (std::error_code code = Normaliser::Replace(container, children); !Succeeded(code)) {
+      return code;
+    }
+    normaliser_.Remember(container, written);
     out = std::move(container);
     return kSuccess;
   }
@@ -265,113 +241,7 @@ class Walk {
     return referenceWork_ <= kReferenceWorkLimit;
   }
 
-  // The direct children in the writer's order, with what reading them again
-  // gives; adds the children's written sizes to `written`.
-  std::vector<Normalised> NormaliseChildren(const ValuePtr& container, size_t& written) {
-    std::vector<Normalised> children;
-    std::error_code walked = kSuccess;
-    if (auto array = std::dynamic_pointer_cast<IArray>(container)) {
-      children.reserve(array->GetCount());
-      walked = array->Iterate([&](const ValuePtr& element, unsigned int index, bool&) {
-        Normalised& child = children.emplace_back(Normalise(element));
-        child.index = index;
-        written += child.written;
-      });
-    } else if (auto hash = std::dynamic_pointer_cast<IHash>(container)) {
-      children.reserve(hash->GetCount());
-      walked =
-          hash->Iterate([&](const std::shared_ptr<IString>& key, const ValuePtr& value, bool&) {
-            Normalised& child = children.emplace_back(Normalise(value));
-            child.key = key;
-            written += ElementSize("String", EscapedTextSize(key->GetCString())) + child.written;
-          });
-    }
-    if (!Succeeded(walked)) {
-      Normalised failed;
-      failed.failure = walked;
-      children.push_back(std::move(failed));
-    }
-    return children;
-  }
-
-  static std::error_code Replace(const ValuePtr& container,
-                                 const std::vector<Normalised>& children) {
-    auto array = std::dynamic_pointer_cast<IArray>(container);
-    auto hash = std::dynamic_pointer_cast<IHash>(container);
-    for (const Normalised& child : children) {
-      if (!child.replacement) continue;
-      std::error_code code = array ? array->Set(child.index, child.replacement)
-                                   : hash->Set(child.key, child.replacement);
-      if (!Succeeded(code)) return code;
-    }
-    return kSuccess;
-  }
-
-  Normalised Normalise(const ValuePtr& value) {
-    Normalised child;
-    child.value = value;
-    child.failure = kSuccess;
-    switch (value->GetType()) {
-      case kValueTypeArray:
-      case kValueTypeHash:
-        // Read by this walk, and normalised then.
-        child.written = writtenSizes_.at(value);
-        break;
-      case kValueTypeNumber:
-        NormaliseNumber(dynamic_cast<const INumber&>(*value), child);
-        break;
-      case kValueTypeDate:
-        NormaliseDate(dynamic_cast<const IDate&>(*value), child);
-        break;
-      case kValueTypeString:
-        child.written = ElementSize(
-            "String", EscapedTextSize(dynamic_cast<const IString&>(*value).GetCString()));
-        break;
-      case kValueTypeData:
-        child.written =
-            ElementSize("Data", Base64LinesSize(dynamic_cast<const IData&>(*value).GetLength()));
-        break;
-      case kValueTypeUUID:
-        child.written = ElementSize("UUID", 36);
-        break;
-      default:
-        child.written = std::string_view("<NULL/>").size();
-    }
-    return child;
-  }
-
-  // Only doubles change: the other kinds print and parse back exactly.
-  static void NormaliseNumber(const INumber& number, Normalised& child) {
-    NumberText text;
-    if (child.failure = FormatNumber(number, text); !Succeeded(child.failure)) return;
-    child.written = ElementSize("Number", std::string_view(" type=\"\"").size() +
-                                              std::strlen(text.kind) + std::strlen(text.digits));
-    double before = 0;
-    if (!Succeeded(number.GetDouble(before))) return;
-    // A whole number prints exactly and so reads back unchanged; parsing the
-    // hundreds of digits of a large one would cost microseconds for nothing.
-    if (std::isfinite(before) && std::trunc(before) == before) return;
-    const double after = std::stod(text.digits);
-    if (SameBits(before, after)) return;
-    std::shared_ptr<INumber> normalised;
-    child.failure = NumberFactory::Create(normalised, after);
-    child.replacement = std::move(normalised);
-  }
-
-  // Read dates hold whole seconds, so a date comes back equal, or not at all
-  // when it lies before 1970 (its time prints as a number no date can hold).
-  static void NormaliseDate(const IDate& date, Normalised& child) {
-    DateText text;
-    FormatDate(date, text);
-    child.written = ElementSize("Date", std::strlen(text.digits));
-    std::shared_ptr<IDate> again;
-    child.failure = DateFactory::Create(again, std::stol(text.digits, nullptr, 10));
-  }
-
-  // The written size of every container this walk has read and normalised. The
-  // map holds them, so that the address of one that a later duplicate key
-  // replaced cannot come back as another's.
-  std::unordered_map<ValuePtr, size_t> writtenSizes_;
+  Normaliser normaliser_;
   // How deep the container being read lies: 0 for the root, which is never
   // rewritten.
   unsigned level_ = 0;

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -69,6 +70,30 @@ xmlDoc* ReadXmlQuietly(const char* data, size_t size, const char* url, const cha
 // answer is ParseXml's, while a document of many small elements needs memory
 // for one path of open elements instead of the whole tree.
 [[nodiscard]] std::error_code ParseXmlAccepts(const uint8_t* data, size_t size);
+
+// What a streaming parse meets, in document order. Each call returns false to
+// stop the parse; one that throws stops it too.
+class XmlEventSink {
+ public:
+  virtual ~XmlEventSink() = default;
+  // An element starts. `attribute` is the value of its first attribute, or
+  // null when it has none.
+  virtual bool StartElement(std::string_view name, const std::string_view* attribute) = 0;
+  virtual bool EndElement() = 0;
+  // Character data inside the current element, in one or more pieces.
+  virtual bool Text(std::string_view text) = 0;
+};
+
+// Parses as ParseXml does, without building a tree, and tells `sink`. Only the
+// plain subset of XML is streamed: a document type, a comment, a processing
+// instruction, a character data section, an entity or character reference in
+// an attribute, a namespace, or any error or warning of libxml2 ends the parse
+// with kSerializationError, as does a sink that stops it. kSuccess means the
+// document was well formed, plain, and streamed whole: then ParseXml would
+// accept it, and a tree reader would meet the same elements, first attributes
+// and texts. A caller that meets kSerializationError reads the document with
+// ParseXml, which decides what it is.
+[[nodiscard]] std::error_code StreamXml(const uint8_t* data, size_t size, XmlEventSink& sink);
 
 // The text of a node and its descendants (xmlNodeGetContent); null only when
 // libxml2 cannot make it.
