@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <typeinfo>
 
 #include "persistence/ByteFormScalars.h"
 #include "persistence/XmlEscape.h"
@@ -14,11 +15,20 @@
 #include "qelss/values/IHash.h"
 #include "qelss/values/INumber.h"
 #include "qelss/values/NumberFactory.h"
+#include "values/ValueCast.h"
 
 namespace QelSS::byteform {
 namespace {
 
 using ValuePtr = std::shared_ptr<IValue>;
+
+// `value` as Interface; std::bad_cast, as from dynamic_cast, when it is not one.
+template <typename Interface, typename Concrete>
+const Interface& As(const ValuePtr& value) {
+  const Interface* cast = FastCast<Interface, Concrete>(value.get());
+  if (cast == nullptr) throw std::bad_cast();
+  return *cast;
+}
 
 bool SameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
@@ -59,14 +69,14 @@ size_t ElementSize(std::string_view name, size_t contentSize) {
 std::vector<Normalised> Normaliser::NormaliseChildren(const ValuePtr& container, size_t& written) {
   std::vector<Normalised> children;
   std::error_code walked = kSuccess;
-  if (auto array = std::dynamic_pointer_cast<IArray>(container)) {
+  if (auto array = AsArray(container)) {
     children.reserve(array->GetCount());
     walked = array->Iterate([&](const ValuePtr& element, unsigned int index, bool&) {
       Normalised& child = children.emplace_back(Normalise(element));
       child.index = index;
       written += child.written;
     });
-  } else if (auto hash = std::dynamic_pointer_cast<IHash>(container)) {
+  } else if (auto hash = AsHash(container)) {
     children.reserve(hash->GetCount());
     walked = hash->Iterate([&](const std::shared_ptr<IString>& key, const ValuePtr& value, bool&) {
       Normalised& child = children.emplace_back(Normalise(value));
@@ -84,8 +94,8 @@ std::vector<Normalised> Normaliser::NormaliseChildren(const ValuePtr& container,
 
 std::error_code Normaliser::Replace(const ValuePtr& container,
                                     const std::vector<Normalised>& children) {
-  auto array = std::dynamic_pointer_cast<IArray>(container);
-  auto hash = std::dynamic_pointer_cast<IHash>(container);
+  auto array = AsArray(container);
+  auto hash = AsHash(container);
   for (const Normalised& child : children) {
     if (!child.replacement) continue;
     std::error_code code = array ? array->Set(child.index, child.replacement)
@@ -106,14 +116,14 @@ Normalised Normaliser::Normalise(const ValuePtr& value) {
       child.written = writtenSizes_.at(value);
       break;
     case kValueTypeNumber:
-      NormaliseNumber(dynamic_cast<const INumber&>(*value), child);
+      NormaliseNumber(As<INumber, Number>(value), child);
       break;
     case kValueTypeDate:
       NormaliseDate(dynamic_cast<const IDate&>(*value), child);
       break;
     case kValueTypeString:
       child.written =
-          ElementSize("String", EscapedTextSize(dynamic_cast<const IString&>(*value).GetCString()));
+          ElementSize("String", EscapedTextSize(As<IString, String>(value).GetCString()));
       break;
     case kValueTypeData:
       child.written =

@@ -77,17 +77,17 @@ std::error_code FormatNumber(const INumber& number, NumberText& out) {
     int64_t value = 0;
     result = number.GetInt64(value);
     out.kind = "int";
-    std::snprintf(out.digits, sizeof out.digits, "%lld", static_cast<long long>(value));
+    *std::to_chars(out.digits, out.digits + sizeof out.digits - 1, value).ptr = '\0';
   } else if (kind == XPC_TYPE_UINT64) {
     uint64_t value = 0;
     result = number.GetUInt64(value);
     out.kind = "uint";
-    std::snprintf(out.digits, sizeof out.digits, "%llu", static_cast<unsigned long long>(value));
+    *std::to_chars(out.digits, out.digits + sizeof out.digits - 1, value).ptr = '\0';
   } else if (kind == XPC_TYPE_BOOL) {
     bool value = false;
     result = number.GetBool(value);
     out.kind = "bool";
-    std::snprintf(out.digits, sizeof out.digits, "%d", value);
+    *std::to_chars(out.digits, out.digits + sizeof out.digits - 1, value ? 1 : 0).ptr = '\0';
   } else if (kind == XPC_TYPE_DOUBLE) {
     double value = 0;
     result = number.GetDouble(value);

@@ -16,6 +16,7 @@
 #include "qelss/values/IArray.h"
 #include "qelss/values/IHash.h"
 #include "qelss/values/IString.h"
+#include "values/ValueCast.h"
 
 namespace QelSS::byteform {
 namespace {
@@ -41,6 +42,10 @@ struct Open {
 // the tree reader takes over.
 class Reader final : public platform::xml::XmlEventSink {
  public:
+  // `size`: the document's. Escaping makes a text at most six times longer, so
+  // in a document under a sixth of the limit no scalar's rewrite comes near it.
+  explicit Reader(size_t size) : small_(size < kLargestSafeRewrite / 6) {}
+
   ValuePtr TakeResult() { return std::move(result_); }
 
   bool StartElement(std::string_view name, const std::string_view* attribute) override {
@@ -51,8 +56,8 @@ class Reader final : public platform::xml::XmlEventSink {
     if (!open_.empty() && !open_.back().container) return false;  // an element inside a scalar
     Open element;
     element.name = name;
-    element.container = name == "Array" || name == "Hash";
-    element.type = TypeOfElementName(name);
+    element.type = TypeOf(name);
+    element.container = element.type == kValueTypeArray || element.type == kValueTypeHash;
     if (open_.empty() && !element.container) return false;  // a scalar root: rare, the tree's
     if (element.container) {
       if (element.type == kValueTypeArray ? !Succeeded(ArrayFactory::Create(element.array))
@@ -89,13 +94,15 @@ class Reader final : public platform::xml::XmlEventSink {
   }
 
  private:
-  static bool Scalar(const Open& element, ValuePtr& out) {
+  bool Scalar(const Open& element, ValuePtr& out) const {
     if (element.type == kValueTypeNumber && !element.hasAttribute) return false;
-    size_t rewrite = ElementSize(element.name, EscapedTextSize(element.text));
-    if (element.hasAttribute) {
-      rewrite += std::string_view(" type=\"\"").size() + EscapedAttributeSize(element.attribute);
+    if (!small_) {
+      size_t rewrite = ElementSize(element.name, EscapedTextSize(element.text));
+      if (element.hasAttribute) {
+        rewrite += std::string_view(" type=\"\"").size() + EscapedAttributeSize(element.attribute);
+      }
+      if (rewrite >= kLargestSafeRewrite) return false;
     }
-    if (rewrite >= kLargestSafeRewrite) return false;
     return Succeeded(ScalarFromText(element.type,
                                     element.hasAttribute ? element.attribute.c_str() : nullptr,
                                     element.text.c_str(), out)) &&
@@ -126,7 +133,7 @@ class Reader final : public platform::xml::XmlEventSink {
         parent.ended = true;
         return true;
       }
-      parent.key = std::dynamic_pointer_cast<IString>(value);
+      parent.key = AsString(value);
       return parent.key != nullptr;
     }
     const bool set = Succeeded(parent.hash->Set(parent.key, value));
@@ -134,6 +141,21 @@ class Reader final : public platform::xml::XmlEventSink {
     return set;
   }
 
+  // Element names come from libxml2's dictionary, one pointer per name, so the
+  // few names of a document are looked up once each.
+  uint32_t TypeOf(std::string_view name) {
+    for (const auto& [known, type] : types_) {
+      if (known == name.data()) return type;
+    }
+    const uint32_t type = TypeOfElementName(name);
+    if (types_.size() < kRememberedNames) types_.emplace_back(name.data(), type);
+    return type;
+  }
+
+  static constexpr size_t kRememberedNames = 8;
+
+  const bool small_;
+  std::vector<std::pair<const char*, uint32_t>> types_;
   std::vector<Open> open_;
   unsigned skipped_ = 0;  // depth inside elements that are not read
   Normaliser normaliser_;
@@ -147,7 +169,7 @@ bool StreamPlainByteForm(const uint8_t* data, size_t size, std::shared_ptr<IValu
     // Only rewrites can come near libxml2's limits, and each is checked; a
     // document that large goes the tree's way at once.
     if (size >= kLargestSafeRewrite) return false;
-    Reader reader;
+    Reader reader(size);
     if (!Succeeded(platform::xml::StreamXml(data, size, reader))) return false;
     ValuePtr result = reader.TakeResult();
     if (result == nullptr) return false;
