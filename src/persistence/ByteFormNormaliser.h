@@ -50,9 +50,11 @@ class Normaliser {
     writtenSizes_[container] = written;
   }
 
- private:
+  // One child as its second reading would see it; a container must have been
+  // normalised (Remember) before.
   Normalised Normalise(const std::shared_ptr<IValue>& value);
 
+ private:
   // The written size of every container normalised so far. The map holds
   // them, so that the address of one that a later duplicate key replaced
   // cannot come back as another's.

@@ -24,7 +24,16 @@ namespace {
 using ValuePtr = std::shared_ptr<IValue>;
 
 // One open element. Containers collect their children; scalars their text.
+// Slots are reused from one element to the next at the same depth, so their
+// strings and vectors keep what they allocated.
 struct Open {
+  // A direct child of a nested container that reads back as another value.
+  struct Replacement {
+    std::shared_ptr<IString> key;  // hashes
+    unsigned int index = 0;        // arrays
+    ValuePtr value;
+  };
+
   uint32_t type = 0;
   bool container = false;
   std::string_view name;  // libxml2's dictionary keeps it for the whole parse
@@ -32,14 +41,36 @@ struct Open {
   std::shared_ptr<IHash> hash;
   std::shared_ptr<IString> key;  // read, waiting for its value
   bool ended = false;            // a hash whose key was not a String: the rest is not read
+  unsigned int count = 0;        // children taken
+  size_t written = 0;            // their rewrites' size (nested containers)
+  std::vector<Replacement> replacements;
   bool hasAttribute = false;
   std::string attribute;
   std::string text;
+
+  void Reset(std::string_view elementName, uint32_t elementType) {
+    name = elementName;
+    type = elementType;
+    container = type == kValueTypeArray || type == kValueTypeHash;
+    array.reset();
+    hash.reset();
+    key.reset();
+    ended = false;
+    count = 0;
+    written = 0;
+    replacements.clear();
+    hasAttribute = false;
+    attribute.clear();
+    text.clear();
+  }
 };
 
 // Every step follows the tree reader's: a step that would fail there, or that
 // is not certain to give what it gives there, stops the stream (false) and
-// the tree reader takes over.
+// the tree reader takes over. The children of a nested container are
+// normalised as they come (the tree reader does it once the container is
+// read): only their sizes and the values they read back as matter, and any
+// failure stops the stream whatever its order.
 class Reader final : public platform::xml::XmlEventSink {
  public:
   // `size`: the document's. Escaping makes a text at most six times longer, so
@@ -49,31 +80,30 @@ class Reader final : public platform::xml::XmlEventSink {
   ValuePtr TakeResult() { return std::move(result_); }
 
   bool StartElement(std::string_view name, const std::string_view* attribute) override {
-    if (skipped_ > 0 || (!open_.empty() && open_.back().ended)) {
+    if (skipped_ > 0 || (depth_ > 0 && Top().ended)) {
       ++skipped_;
       return true;
     }
-    if (!open_.empty() && !open_.back().container) return false;  // an element inside a scalar
-    Open element;
-    element.name = name;
-    element.type = TypeOf(name);
-    element.container = element.type == kValueTypeArray || element.type == kValueTypeHash;
-    if (open_.empty() && !element.container) return false;  // a scalar root: rare, the tree's
+    if (depth_ > 0 && !Top().container) return false;  // an element inside a scalar
+    const uint32_t type = TypeOf(name);
+    if (depth_ == stack_.size()) stack_.emplace_back();
+    Open& element = stack_[depth_];
+    element.Reset(name, type);
+    if (depth_ == 0 && !element.container) return false;  // a scalar root: rare, the tree's
+    ++depth_;
     if (element.container) {
-      if (element.type == kValueTypeArray ? !Succeeded(ArrayFactory::Create(element.array))
-                                          : !Succeeded(HashFactory::Create(element.hash))) {
-        return false;
-      }
-    } else if (attribute != nullptr) {
+      return element.type == kValueTypeArray ? Succeeded(ArrayFactory::Create(element.array))
+                                             : Succeeded(HashFactory::Create(element.hash));
+    }
+    if (attribute != nullptr) {
       element.hasAttribute = true;
       element.attribute.assign(*attribute);
     }
-    open_.push_back(std::move(element));
     return true;
   }
 
   bool Text(std::string_view text) override {
-    if (skipped_ == 0 && !open_.empty() && !open_.back().container) open_.back().text.append(text);
+    if (skipped_ == 0 && depth_ > 0 && !Top().container) Top().text.append(text);
     return true;
   }
 
@@ -82,18 +112,23 @@ class Reader final : public platform::xml::XmlEventSink {
       --skipped_;
       return true;
     }
-    Open element = std::move(open_.back());
-    open_.pop_back();
+    Open& element = Top();
+    --depth_;
     ValuePtr value;
-    if (!(element.container ? Finish(element, value) : Scalar(element, value))) return false;
-    if (open_.empty()) {
+    size_t written = 0;
+    if (!(element.container ? Finish(element, value, written) : Scalar(element, value))) {
+      return false;
+    }
+    if (depth_ == 0) {
       result_ = std::move(value);
       return true;
     }
-    return Add(open_.back(), std::move(value));
+    return Add(Top(), std::move(value), written);
   }
 
  private:
+  Open& Top() { return stack_[depth_ - 1]; }
+
   bool Scalar(const Open& element, ValuePtr& out) const {
     if (element.type == kValueTypeNumber && !element.hasAttribute) return false;
     if (!small_) {
@@ -109,25 +144,31 @@ class Reader final : public platform::xml::XmlEventSink {
            out != nullptr;
   }
 
-  // A nested container's children read back from its rewrite; the root is
-  // never rewritten.
-  bool Finish(Open& element, ValuePtr& out) {
+  // A nested container's children take the values they read back as from its
+  // rewrite, whose size goes to its parent in `written`; the root is never
+  // rewritten.
+  bool Finish(Open& element, ValuePtr& out, size_t& written) {
     if (element.key != nullptr) return false;  // a key with no value
     out = element.array ? ValuePtr(element.array) : ValuePtr(element.hash);
-    if (open_.empty()) return true;
-    size_t written = ElementSize(element.name, 0);
-    const std::vector<Normalised> children = normaliser_.NormaliseChildren(out, written);
+    if (depth_ == 0) return true;
+    written = ElementSize(element.name, 0) + element.written;
     if (written >= kLargestSafeRewrite) return false;
-    for (const Normalised& child : children) {
-      if (!Succeeded(child.failure)) return false;
+    for (const Open::Replacement& replacement : element.replacements) {
+      const std::error_code set = element.array
+                                      ? element.array->Set(replacement.index, replacement.value)
+                                      : element.hash->Set(replacement.key, replacement.value);
+      if (!Succeeded(set)) return false;
     }
-    if (!Succeeded(Normaliser::Replace(out, children))) return false;
-    normaliser_.Remember(out, written);
     return true;
   }
 
-  static bool Add(Open& parent, ValuePtr value) {
-    if (parent.array) return Succeeded(parent.array->Append(value));
+  bool Add(Open& parent, ValuePtr value, size_t written) {
+    // The root's children are not rewritten; deeper ones are.
+    const bool nested = depth_ >= 2;
+    if (parent.array) {
+      if (!Succeeded(parent.array->Append(value))) return false;
+      return !nested || Note(parent, value, written, nullptr, parent.count++);
+    }
     if (parent.key == nullptr) {
       if (value->GetType() != kValueTypeString) {
         parent.ended = true;
@@ -136,9 +177,29 @@ class Reader final : public platform::xml::XmlEventSink {
       parent.key = AsString(value);
       return parent.key != nullptr;
     }
-    const bool set = Succeeded(parent.hash->Set(parent.key, value));
+    const std::shared_ptr<IString> key = std::move(parent.key);
     parent.key.reset();
-    return set;
+    if (!Succeeded(parent.hash->Set(key, value))) return false;
+    if (!nested) return true;
+    // A key given twice replaces a child already counted: the tree's way.
+    if (parent.hash->GetCount() != ++parent.count) return false;
+    parent.written += ElementSize("String", EscapedTextSize(key->GetCString()));
+    return Note(parent, value, written, key, 0);
+  }
+
+  // Adds a child of a nested container to its rewrite.
+  bool Note(Open& parent, const ValuePtr& value, size_t written,
+            const std::shared_ptr<IString>& key, unsigned int index) {
+    if (value->GetType() == kValueTypeArray || value->GetType() == kValueTypeHash) {
+      parent.written += written;
+      return true;
+    }
+    Normalised child = normaliser_.Normalise(value);
+    if (!Succeeded(child.failure)) return false;
+    parent.written += child.written;
+    if (child.replacement)
+      parent.replacements.push_back({key, index, std::move(child.replacement)});
+    return true;
   }
 
   // Element names come from libxml2's dictionary, one pointer per name, so the
@@ -156,7 +217,8 @@ class Reader final : public platform::xml::XmlEventSink {
 
   const bool small_;
   std::vector<std::pair<const char*, uint32_t>> types_;
-  std::vector<Open> open_;
+  std::vector<Open> stack_;
+  size_t depth_ = 0;      // open elements being read, at the front of stack_
   unsigned skipped_ = 0;  // depth inside elements that are not read
   Normaliser normaliser_;
   ValuePtr result_;
