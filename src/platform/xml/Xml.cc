@@ -146,6 +146,7 @@ void RefuseSubset(void* context, const xmlChar*, const xmlChar*, const xmlChar*)
   Refuse(context);
 }
 void RefuseComment(void* context, const xmlChar*) { Refuse(context); }
+void RefuseReference(void* context, const xmlChar*) { Refuse(context); }
 void RefuseInstruction(void* context, const xmlChar*, const xmlChar*) { Refuse(context); }
 void RefuseCharacterData(void* context, const xmlChar*, int) { Refuse(context); }
 void RefuseError(void* context, xmlErrorPtr) { Refuse(context); }
@@ -163,7 +164,7 @@ xmlSAXHandler StreamHandler() {
   handler.comment = &RefuseComment;
   handler.processingInstruction = &RefuseInstruction;
   handler.cdataBlock = &RefuseCharacterData;
-  handler.reference = &RefuseComment;
+  handler.reference = &RefuseReference;
   handler.serror = &RefuseError;
   return handler;
 }
