@@ -66,6 +66,14 @@ size_t ElementSize(std::string_view name, size_t contentSize) {
   return 2 * name.size() + std::string_view("<></>").size() + contentSize;
 }
 
+size_t ScalarRewriteSize(std::string_view name, const char* attribute, const char* content) {
+  size_t size = ElementSize(name, EscapedTextSize(content));
+  if (attribute != nullptr) {
+    size += std::string_view(" type=\"\"").size() + EscapedAttributeSize(attribute);
+  }
+  return size;
+}
+
 std::vector<Normalised> Normaliser::NormaliseChildren(const ValuePtr& container, size_t& written) {
   std::vector<Normalised> children;
   std::error_code walked = kSuccess;

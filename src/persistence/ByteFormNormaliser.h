@@ -25,6 +25,10 @@ inline constexpr size_t kLargestSafeRewrite = 9'000'000;
 // The size of an element named `name` around `contentSize` bytes.
 size_t ElementSize(std::string_view name, size_t contentSize);
 
+// The size of the element written again from a scalar element's name, first
+// attribute (null for none) and text.
+size_t ScalarRewriteSize(std::string_view name, const char* attribute, const char* content);
+
 // One direct child of a container, as its second reading would see it.
 struct Normalised {
   std::shared_ptr<IValue> value;

@@ -42,16 +42,6 @@ void Discard(xmlNode* node) {
   xmlFreeNode(node);
 }
 
-// The size of the element convertXMLNodeToBytes makes of a scalar node.
-size_t RewriteSize(const xmlNode* node, const xmlChar* attribute, const xmlChar* content) {
-  size_t size = ElementSize(Name(node), EscapedTextSize(reinterpret_cast<const char*>(content)));
-  if (attribute != nullptr) {
-    size += std::string_view(" type=\"\"").size() +
-            EscapedAttributeSize(reinterpret_cast<const char*>(attribute));
-  }
-  return size;
-}
-
 std::error_code Parses(const std::vector<uint8_t>& bytes) {
   return platform::xml::ParseXmlAccepts(bytes.data(), bytes.size());
 }
@@ -163,7 +153,8 @@ class Walk {
     platform::xml::XmlText content = platform::xml::NodeContent(child);
     if (!content) return kSerializationError;
     if (child->properties != nullptr && !attribute) return kSerializationError;
-    if (RewriteSize(child, attribute.get(), content.get()) >= kLargestSafeRewrite) {
+    if (ScalarRewriteSize(Name(child), reinterpret_cast<const char*>(attribute.get()),
+                          reinterpret_cast<const char*>(content.get())) >= kLargestSafeRewrite) {
       std::vector<uint8_t> rewrite;
       if (std::error_code code = convertXMLNodeToBytes(child, rewrite); !Succeeded(code)) {
         return code;

@@ -27,23 +27,16 @@ using ValuePtr = std::shared_ptr<IValue>;
 // Slots are reused from one element to the next at the same depth, so their
 // strings and vectors keep what they allocated.
 struct Open {
-  // A direct child of a nested container that reads back as another value.
-  struct Replacement {
-    std::shared_ptr<IString> key;  // hashes
-    unsigned int index = 0;        // arrays
-    ValuePtr value;
-  };
-
   uint32_t type = 0;
   bool container = false;
   std::string_view name;  // libxml2's dictionary keeps it for the whole parse
   std::shared_ptr<IArray> array;
   std::shared_ptr<IHash> hash;
-  std::shared_ptr<IString> key;  // read, waiting for its value
-  bool ended = false;            // a hash whose key was not a String: the rest is not read
-  unsigned int count = 0;        // children taken
-  size_t written = 0;            // their rewrites' size (nested containers)
-  std::vector<Replacement> replacements;
+  std::shared_ptr<IString> key;      // read, waiting for its value
+  bool ended = false;                // a hash whose key was not a String: the rest is not read
+  unsigned int count = 0;            // children taken
+  size_t written = 0;                // their rewrites' size (nested containers)
+  std::vector<Normalised> replaced;  // children that read back as other values (nested)
   bool hasAttribute = false;
   std::string attribute;
   std::string text;
@@ -58,7 +51,7 @@ struct Open {
     ended = false;
     count = 0;
     written = 0;
-    replacements.clear();
+    replaced.clear();
     hasAttribute = false;
     attribute.clear();
     text.clear();
@@ -131,16 +124,12 @@ class Reader final : public platform::xml::XmlEventSink {
 
   bool Scalar(const Open& element, ValuePtr& out) const {
     if (element.type == kValueTypeNumber && !element.hasAttribute) return false;
-    if (!small_) {
-      size_t rewrite = ElementSize(element.name, EscapedTextSize(element.text));
-      if (element.hasAttribute) {
-        rewrite += std::string_view(" type=\"\"").size() + EscapedAttributeSize(element.attribute);
-      }
-      if (rewrite >= kLargestSafeRewrite) return false;
+    const char* const attribute = element.hasAttribute ? element.attribute.c_str() : nullptr;
+    if (!small_ &&
+        ScalarRewriteSize(element.name, attribute, element.text.c_str()) >= kLargestSafeRewrite) {
+      return false;
     }
-    return Succeeded(ScalarFromText(element.type,
-                                    element.hasAttribute ? element.attribute.c_str() : nullptr,
-                                    element.text.c_str(), out)) &&
+    return Succeeded(ScalarFromText(element.type, attribute, element.text.c_str(), out)) &&
            out != nullptr;
   }
 
@@ -153,13 +142,7 @@ class Reader final : public platform::xml::XmlEventSink {
     if (depth_ == 0) return true;
     written = ElementSize(element.name, 0) + element.written;
     if (written >= kLargestSafeRewrite) return false;
-    for (const Open::Replacement& replacement : element.replacements) {
-      const std::error_code set = element.array
-                                      ? element.array->Set(replacement.index, replacement.value)
-                                      : element.hash->Set(replacement.key, replacement.value);
-      if (!Succeeded(set)) return false;
-    }
-    return true;
+    return Succeeded(Normaliser::Replace(out, element.replaced));
   }
 
   bool Add(Open& parent, ValuePtr value, size_t written) {
@@ -197,8 +180,11 @@ class Reader final : public platform::xml::XmlEventSink {
     Normalised child = normaliser_.Normalise(value);
     if (!Succeeded(child.failure)) return false;
     parent.written += child.written;
-    if (child.replacement)
-      parent.replacements.push_back({key, index, std::move(child.replacement)});
+    if (child.replacement) {
+      child.key = key;
+      child.index = index;
+      parent.replaced.push_back(std::move(child));
+    }
     return true;
   }
 
