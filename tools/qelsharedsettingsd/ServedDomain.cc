@@ -1,6 +1,5 @@
 #include "ServedDomain.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -10,11 +9,8 @@
 #include "Log.h"
 #include "domain/RecordKeys.h"
 #include "domain/SetRecord.h"
-#include "persistence/DomainFile.h"
 #include "platform/dispatch/MakeQueue.h"
 #include "platform/ipc/Frame.h"
-#include "platform/support/FileSystem.h"
-#include "platform/xpc/XpcWire.h"
 #include "qelss/ipc/DomainUtil.h"
 #include "qelss/platform/ErrorCode.h"
 #include "qelss/values/HashFactory.h"
@@ -26,12 +22,6 @@ namespace {
 constexpr uint32_t kQueueTag = DispatchQueue::MakeTag("QSSD");
 constexpr size_t kMaxDomainNameLength = 200;
 
-// Keys of a journal record's payload.
-constexpr const char* kJournalGeneration = "Generation";
-constexpr const char* kJournalClient = "Client";
-constexpr const char* kJournalUid = "PeerUid";
-constexpr const char* kJournalPid = "PeerPid";
-constexpr const char* kJournalRecord = "Record";
 // The client name of the service's own imports, in journal and pushes.
 constexpr const char* kImportClient = "com.qelvarin.predefine";
 
@@ -117,9 +107,6 @@ ServedDomain::~ServedDomain() {
   (void)queue_->Finish(10, DispatchQueue::kFinishRunPending);
 }
 
-std::string ServedDomain::SnapshotPath() const { return settings_.stateDir + "/domains/" + name_; }
-std::string ServedDomain::JournalPath() const { return settings_.stateDir + "/journals/" + name_; }
-
 void ServedDomain::Handle(std::shared_ptr<Session> session, uint64_t request,
                           xpc_object_t command) {
   // A commit to a loaded domain with nothing else to do runs here, on the I/O
@@ -129,7 +116,7 @@ void ServedDomain::Handle(std::shared_ptr<Session> session, uint64_t request,
   // domain) still goes to the domain's queue.
   const bool commit =
       xpc_dictionary_get_int64(command, RecordKeys::kCommand) == DomainUtil::kCommandCommit;
-  if (commit && loaded_.load(std::memory_order_acquire) &&
+  if (commit && quickCommits_.load(std::memory_order_acquire) &&
       queue_->TrySync(kQueueTag, DispatchQueue::kRunChangesState,
                       [&] { Run(session, request, command); })) {
     xpc_release(command);
@@ -182,7 +169,7 @@ void ServedDomain::Fetch(const std::shared_ptr<Session>& session, uint64_t reque
     return;
   }
   // Never show a client a state that a crash could still take back.
-  journal_->WhenDurable([session, reply](std::error_code) { session->Send(reply); });
+  store_->WhenDurable([session, reply](std::error_code) { session->Send(reply); });
 }
 
 void ServedDomain::Commit(const std::shared_ptr<Session>& session, uint64_t request,
@@ -209,56 +196,157 @@ void ServedDomain::Apply(const std::shared_ptr<IHash>& record, xpc_object_t reco
     done(valid);
     return;
   }
-  const int64_t generation = engine_->GenerationCount() + 1;
-  const PeerCredentials& peer = committer.peer;
-  // Written before the state changes: replay applies exactly what was applied.
-  XPCObject entry = Owned(xpc_dictionary_create(nullptr, nullptr, 0));
-  xpc_dictionary_set_int64(entry.Get(), kJournalGeneration, generation);
-  xpc_dictionary_set_int64(entry.Get(), kJournalUid, peer.uid);
-  xpc_dictionary_set_int64(entry.Get(), kJournalPid, peer.pid);
-  xpc_dictionary_set_string(entry.Get(), kJournalClient, committer.client.c_str());
-  xpc_dictionary_set_value(entry.Get(), kJournalRecord, recordObject);
-  std::vector<uint8_t> payload;
-  std::error_code stored = xpc::EncodeWire(entry.Get(), payload);
-  if (stored == kSuccess) stored = journal_->Append(payload);
-  if (stored != kSuccess) {
-    Log(LOG_ERR, "domain %s: journal append failed (%d)", name_.c_str(), stored.value());
-    done(make_error_code(kFileWriteError));
+  StoredEntry entry{engine_->GenerationCount() + 1, NewCommitId(), committer.client, committer.peer,
+                    XPCObject(recordObject, true)};
+  bool landed = false;
+  if (std::error_code stored = Store(entry, record, committer, done, landed); stored != kSuccess) {
+    done(stored);
     return;
   }
+  if (!landed) Finish(entry, record, committer, std::move(done));
+}
+
+std::error_code ServedDomain::Store(StoredEntry& entry, const std::shared_ptr<IHash>& record,
+                                    const Committer& committer,
+                                    std::function<void(std::error_code)>& done, bool& landed) {
+  // Each lost race means another machine committed: bounded, so that a
+  // domain that others write without pause still answers.
+  constexpr int kAttempts = 16;
+  for (int attempt = 1;; ++attempt) {
+    std::vector<StoredEntry> missed;
+    const std::error_code stored = store_->Append(entry, missed);
+    if (stored != kTransactionConflict) return stored;
+    for (const StoredEntry& other : missed) {
+      if (other.commitId != entry.commitId) {
+        if (!TakeInOne(other)) CatchUp();
+        continue;
+      }
+      if (landed) continue;
+      // An earlier attempt landed although its answer was lost.
+      landed = true;
+      entry.generation = other.generation;
+      Finish(entry, record, committer, std::move(done));
+    }
+    if (landed) return kSuccess;
+    if (attempt == kAttempts) return kTransactionConflict;
+    if (std::error_code valid = engine_->IsTransactionValid(record); valid != kSuccess) {
+      return valid;
+    }
+    entry.generation = engine_->GenerationCount() + 1;
+  }
+}
+
+void ServedDomain::Finish(const StoredEntry& entry, const std::shared_ptr<IHash>& record,
+                          const Committer& committer, std::function<void(std::error_code)> done) {
   // The version replaced is let go of when this returns, after the answer
   // went out: in a large domain, freeing it costs more than the commit.
   const std::shared_ptr<IHash> replaced = engine_->Root();
   std::vector<Change> applied;
-  if (std::error_code changed = engine_->ApplyTransaction(record, applied); changed != kSuccess) {
-    done(changed);
-    return;
+  std::error_code changed = engine_->ApplyTransaction(record, applied);
+  if (changed != kSuccess && engine_->GenerationCount() + 1 == entry.generation) {
+    // Stored, so counted everywhere: every copy of the domain counts alike.
+    (void)engine_->IncrementGCCount();
   }
   ScheduleSnapshot();
-
-  // The push is built only when someone will receive it.
-  std::vector<std::shared_ptr<Session>> followers = FollowersBut(committer.session.get());
-  std::shared_ptr<IHash> push;
-  SharedFrame pushFrame;
-  if (!followers.empty() &&
-      DomainUtil::CreateCommand(name_, committer.client, DomainUtil::kCommandCommit,
-                                committer.create, push) == kSuccess &&
-      push->Set(RecordKeys::kTransaction, record) == kSuccess) {
-    pushFrame = MessageFrame(platform::ipc::kNoRequest, "IPCCommand", push);
+  if (changed != kSuccess) {
+    store_->WhenDurable([done = std::move(done), changed](std::error_code) { done(changed); });
+    return;
   }
   // Followers hear first: their latency is the one that a committer waiting
   // for its answer does not see. The state has the change whatever the disk
   // said, so followers hear of it even when the sync failed.
-  journal_->WhenDurable([done = std::move(done), pushFrame,
-                         followers = std::move(followers)](std::error_code durable) {
-    if (pushFrame != nullptr) {
-      for (const auto& follower : followers) follower->Send(pushFrame);
-    }
+  std::vector<std::shared_ptr<Session>> followers = FollowersBut(committer.session.get());
+  store_->WhenDurable([this, self = shared_from_this(), done = std::move(done),
+                       followers = std::move(followers), client = committer.client,
+                       create = committer.create, record](std::error_code durable) {
+    Push(followers, client, create, record);
     done(durable);
   });
   // Logged once everyone has been told, so that writing it delays no one.
   Log(LOG_INFO, "domain %s: generation %lld by uid %u pid %d client %s", name_.c_str(),
-      static_cast<long long>(generation), peer.uid, peer.pid, committer.client.c_str());
+      static_cast<long long>(entry.generation), committer.peer.uid, committer.peer.pid,
+      committer.client.c_str());
+}
+
+void ServedDomain::Push(const std::vector<std::shared_ptr<Session>>& followers,
+                        const std::string& client, bool create,
+                        const std::shared_ptr<IHash>& record) {
+  // The push is built only when someone will receive it.
+  if (followers.empty()) return;
+  std::shared_ptr<IHash> push;
+  if (DomainUtil::CreateCommand(name_, client, DomainUtil::kCommandCommit, create, push) !=
+          kSuccess ||
+      push->Set(RecordKeys::kTransaction, record) != kSuccess) {
+    return;
+  }
+  SharedFrame frame = MessageFrame(platform::ipc::kNoRequest, "IPCCommand", push);
+  if (frame == nullptr) return;
+  for (const auto& follower : followers) follower->Send(frame);
+}
+
+void ServedDomain::TakeIn(const std::vector<StoredEntry>& entries) {
+  if (engine_ == nullptr) return;  // loaded later, from the store as it is then
+  if (entries.empty()) {
+    CatchUp();
+    return;
+  }
+  for (const StoredEntry& entry : entries) {
+    if (!TakeInOne(entry)) {
+      CatchUp();
+      return;
+    }
+  }
+}
+
+bool ServedDomain::TakeInOne(const StoredEntry& entry) {
+  const int64_t generation = engine_->GenerationCount();
+  if (entry.generation <= generation) return true;  // had it already
+  if (entry.generation != generation + 1) return false;
+  std::shared_ptr<IHash> record;
+  std::vector<Change> applied;
+  const std::shared_ptr<IHash> replaced = engine_->Root();
+  if (ApplyEntry(*engine_, entry, record, applied) == kSuccess) {
+    Push(FollowersBut(nullptr), entry.client, false, record);
+  }
+  return true;
+}
+
+void ServedDomain::CatchUp() {
+  std::vector<StoredEntry> entries;
+  const std::error_code got = store_->Since(engine_->GenerationCount(), entries);
+  if (got == kNotFound) {
+    Reload();
+    return;
+  }
+  if (got != kSuccess) {
+    Log(LOG_WARNING, "domain %s: cannot catch up (%d)", name_.c_str(), got.value());
+    return;
+  }
+  for (const StoredEntry& entry : entries) {
+    if (!TakeInOne(entry)) {
+      Reload();
+      return;
+    }
+  }
+}
+
+void ServedDomain::Reload() {
+  std::unique_ptr<CommitEngine> fresh;
+  try {
+    fresh = std::make_unique<CommitEngine>(name_, false);
+  } catch (const std::exception&) {
+    return;
+  }
+  if (std::error_code loaded = store_->Load(false, *fresh); loaded != kSuccess) {
+    Log(LOG_WARNING, "domain %s: cannot load it again (%d)", name_.c_str(), loaded.value());
+    return;
+  }
+  Log(LOG_INFO, "domain %s: loaded again at generation %lld", name_.c_str(),
+      static_cast<long long>(fresh->GenerationCount()));
+  engine_ = std::move(fresh);
+  // The steps between are gone: clients fetch the whole state again when
+  // they reconnect, and tell their observers the differences.
+  for (const auto& follower : FollowersBut(nullptr)) follower->Close();
 }
 
 std::error_code ServedDomain::Import(
@@ -311,86 +399,36 @@ std::vector<std::shared_ptr<Session>> ServedDomain::FollowersBut(const Session* 
 
 std::error_code ServedDomain::EnsureLoaded(bool create) {
   if (engine_ != nullptr) return make_error_code(kSuccess);
-  auto files = platform::DefaultFileSystem();
-  bool snapshotExists = false;
-  if (std::error_code looked = DomainFileExists(*files, SnapshotPath(), snapshotExists);
-      looked != kSuccess) {
-    return looked;
+  try {
+    if (store_ == nullptr) {
+      store_ = settings_.stores->Open(name_, [weak = weak_from_this()](auto entries) {
+        if (auto self = weak.lock()) {
+          self->queue_->Async(kQueueTag, DispatchQueue::kRunChangesState,
+                              [self, entries = std::move(entries)] { self->TakeIn(entries); });
+        }
+      });
+    }
+    engine_ = std::make_unique<CommitEngine>(name_, false);
+  } catch (const std::exception& e) {
+    Log(LOG_ERR, "domain %s cannot be opened: %s", name_.c_str(), e.what());
+    return make_error_code(kFailure);
   }
-  struct stat info {};
-  const bool journalExists = ::stat(JournalPath().c_str(), &info) == 0 && info.st_size > 0;
-  if (!snapshotExists && !journalExists && !create) return make_error_code(kDomainNotOpen);
-  std::error_code loaded = LoadExisting(snapshotExists);
-  if (loaded == kSuccess && !snapshotExists) loaded = WriteSnapshot();
+  std::error_code loaded = store_->Load(create, *engine_);
   if (loaded != kSuccess) {
     engine_.reset();
-    journal_.reset();
-    Log(LOG_ERR, "domain %s cannot be opened (%d)", name_.c_str(), loaded.value());
-  } else {
-    loaded_.store(true, std::memory_order_release);
+    if (loaded != kDomainNotOpen) {
+      Log(LOG_ERR, "domain %s cannot be opened (%d)", name_.c_str(), loaded.value());
+    }
+    return loaded;
   }
+  quickCommits_.store(store_->AppendsLocally(), std::memory_order_release);
   return loaded;
 }
 
-std::error_code ServedDomain::LoadExisting(bool snapshotExists) {
-  try {
-    engine_ = std::make_unique<CommitEngine>(name_, false);
-  } catch (const std::exception&) {
-    return make_error_code(kFailure);
-  }
-  if (snapshotExists) {
-    std::shared_ptr<IHash> root;
-    std::error_code read = ReadDomainFile(*platform::DefaultFileSystem(), SnapshotPath(), root);
-    if (read == kSuccess) read = engine_->ReplaceSettings(root);
-    if (read != kSuccess) return read;
-  }
-  if (std::error_code opened = Journal::Open(JournalPath(), settings_.sync, journal_);
-      opened != kSuccess) {
-    return opened;
-  }
-  return ReplayJournal();
-}
-
-std::error_code ServedDomain::ReplayJournal() {
-  const int64_t snapshotGeneration = engine_->GenerationCount();
-  uint64_t replayed = 0;
-  std::error_code result = journal_->Replay([&](const std::vector<uint8_t>& payload) {
-    xpc_object_t decoded = nullptr;
-    if (xpc::DecodeWire(payload, decoded) != kSuccess) return make_error_code(kInvalidData);
-    XPCObject entry = Owned(decoded);
-    if (xpc_dictionary_get_int64(entry.Get(), kJournalGeneration) <= snapshotGeneration) {
-      return make_error_code(kSuccess);  // already in the snapshot
-    }
-    std::shared_ptr<IHash> record;
-    void* const dictionary = xpc_dictionary_get_value(entry.Get(), kJournalRecord);
-    if (std::error_code made = HashFactory::Create<void*>(record, dictionary); made != kSuccess) {
-      return made;
-    }
-    std::vector<Change> applied;
-    // A record the live state refused part of is refused the same way here.
-    (void)engine_->ApplyTransaction(record, applied);
-    ++replayed;
-    return make_error_code(kSuccess);
-  });
-  if (replayed > 0) {
-    Log(LOG_INFO, "domain %s: replayed %llu commits to generation %lld", name_.c_str(),
-        static_cast<unsigned long long>(replayed),
-        static_cast<long long>(engine_->GenerationCount()));
-    ScheduleSnapshot();
-  }
-  return result;
-}
-
-std::error_code ServedDomain::WriteSnapshot() {
-  std::error_code written =
-      WriteDomainFile(*platform::DefaultFileSystem(), SnapshotPath(), engine_->Root());
-  if (written == kSuccess) written = journal_->Reset();
-  if (written != kSuccess) {
-    Log(LOG_ERR, "domain %s: snapshot failed (%d)", name_.c_str(), written.value());
-    return written;
-  }
-  dirty_ = false;
-  return written;
+void ServedDomain::WriteSnapshot() {
+  const std::error_code written = store_->Snapshot(*engine_);
+  // A conflict: another machine committed since, and snapshots after its own.
+  if (written == kSuccess || written == kTransactionConflict) dirty_ = false;
 }
 
 void ServedDomain::ScheduleSnapshot() {
@@ -431,13 +469,13 @@ void ServedDomain::SnapshotIfQuiet() {
         0, 0);
     return;
   }
-  (void)WriteSnapshot();  // on failure the journal keeps everything; tried again later
+  WriteSnapshot();  // on failure the store keeps every entry; tried again later
   if (dirty_) ScheduleSnapshot();
 }
 
 void ServedDomain::SaveNow() {
   queue_->Sync(kQueueTag, DispatchQueue::kRunChangesState, [this] {
-    if (dirty_ && engine_ != nullptr) (void)WriteSnapshot();
+    if (dirty_ && engine_ != nullptr) WriteSnapshot();
   });
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 
 // One domain that the service keeps: its state and rules (the library's
-// commit engine), its snapshot file and journal, and the connections that
-// follow it. Everything runs on the domain's own serial queue, so commits to
+// commit engine), the store that keeps it, and the connections that follow
+// it. Everything runs on the domain's own serial queue, so commits to
 // different domains never wait for each other.
 
 #include <atomic>
@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "Journal.h"
+#include "DomainStore.h"
 #include "Session.h"
 #include "domain/CommitEngine.h"
 #include "qelss/platform/Dispatch.h"
@@ -24,8 +24,7 @@
 namespace QelSS::service {
 
 struct StoreSettings {
-  std::string stateDir;  // holds "domains/" (snapshots) and "journals/"
-  SyncMode sync = SyncMode::kFull;
+  std::shared_ptr<StoreProvider> stores;
   // A snapshot is written once a domain has had no commit for this long.
   std::chrono::milliseconds quiet{10'000};
 };
@@ -63,31 +62,45 @@ class ServedDomain : public std::enable_shared_from_this<ServedDomain> {
   void Fetch(const std::shared_ptr<Session>& session, uint64_t request, bool create);
   void Commit(const std::shared_ptr<Session>& session, uint64_t request, const Command& command,
               xpc_object_t recordObject);
-  // Validates, journals and applies `record` (also as `recordObject`), pushes
+  // Validates, stores and applies `record` (also as `recordObject`), pushes
   // it to the followers but the committer, and calls `done` once, when it is
   // durable or refused.
   void Apply(const std::shared_ptr<IHash>& record, xpc_object_t recordObject,
              const Committer& committer, std::function<void(std::error_code)> done);
+  // Stores `entry`, first taking in what other machines committed before it.
+  // kSuccess with `landed` set when the entry turned out to be stored already
+  // and was applied as such (done was called).
+  std::error_code Store(StoredEntry& entry, const std::shared_ptr<IHash>& record,
+                        const Committer& committer, std::function<void(std::error_code)>& done,
+                        bool& landed);
+  // Applies the stored `entry` of `record`, pushes it and calls `done`.
+  void Finish(const StoredEntry& entry, const std::shared_ptr<IHash>& record,
+              const Committer& committer, std::function<void(std::error_code)> done);
+  // Another machine's commits: applied in order, pushed to every follower.
+  void TakeIn(const std::vector<StoredEntry>& entries);
+  bool TakeInOne(const StoredEntry& entry);
+  // Fetches what the state misses from the store; loads it again when the
+  // store no longer keeps the steps between.
+  void CatchUp();
+  void Reload();
   std::error_code EnsureLoaded(bool create);
-  std::error_code LoadExisting(bool snapshotExists);
-  std::error_code ReplayJournal();
-  std::error_code WriteSnapshot();
   void Follow(const std::shared_ptr<Session>& session);
   std::vector<std::shared_ptr<Session>> FollowersBut(const Session* committer);
+  void Push(const std::vector<std::shared_ptr<Session>>& followers, const std::string& client,
+            bool create, const std::shared_ptr<IHash>& record);
   void ScheduleSnapshot();
   void SnapshotIfQuiet();
-
-  std::string SnapshotPath() const;
-  std::string JournalPath() const;
+  void WriteSnapshot();
 
   const std::string name_;
   const StoreSettings settings_;
   std::shared_ptr<DispatchQueue::IQueue> queue_;
   // On the domain queue only.
   std::unique_ptr<CommitEngine> engine_;
-  // Set once engine_ is loaded, for the I/O thread's look before a commit.
-  std::atomic<bool> loaded_{false};
-  std::unique_ptr<Journal> journal_;
+  // Set once engine_ is loaded from a store that appends locally, for the
+  // I/O thread's look before a commit.
+  std::atomic<bool> quickCommits_{false};
+  std::unique_ptr<DomainStore> store_;
   std::vector<std::weak_ptr<Session>> followers_;
   bool dirty_ = false;
   std::chrono::steady_clock::time_point lastCommit_;

@@ -11,11 +11,13 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -23,12 +25,17 @@
 #include <asio/local/stream_protocol.hpp>
 #include <asio/signal_set.hpp>
 
+#include "LocalStore.h"
 #include "Log.h"
 #include "PredefineWatcher.h"
 #include "Service.h"
+#include "persistence/HostKeyFile.h"
 #include "platform/dispatch/PollingRun.h"
 #include "qelss/ipc/Connection.h"
 #include "qelss/platform/xpc_connection.h"
+#ifdef QELSS_WITH_ETCD
+#include "etcd/EtcdStore.h"
+#endif
 
 namespace {
 
@@ -49,6 +56,12 @@ struct Options {
   unsigned idleExit = 0;
   unsigned quietSeconds = 10;
   std::string predefines;  // empty: the default folder
+  std::string etcdEndpoints = "http://127.0.0.1:2379";
+  std::string etcdPrefix = "/qelvarin/";
+  std::string etcdClusterKey;
+  double etcdDialTimeout = 5;
+  double etcdRequestTimeout = 5;
+  std::string makeClusterKey;
 };
 
 bool MakeFolder(const std::string& path, mode_t mode) {
@@ -140,17 +153,74 @@ std::unique_ptr<QelSS::service::PredefineWatcher> WatchPredefines(asio::io_conte
   }
 }
 
-int Run(const Options& options) {
-  QelSS::service::StoreSettings settings;
-  settings.stateDir = options.stateDir;
-  settings.sync =
-      options.sync == "none" ? QelSS::service::SyncMode::kNone : QelSS::service::SyncMode::kFull;
-  settings.quiet = std::chrono::seconds(options.quietSeconds);
-  if (!MakeFolder(settings.stateDir + "/domains", 0700) ||
-      !MakeFolder(settings.stateDir + "/journals", 0700)) {
-    Log(LOG_ERR, "cannot make the state folder %s", settings.stateDir.c_str());
+std::shared_ptr<QelSS::service::StoreProvider> LocalStores(const Options& options) {
+  if (!MakeFolder(options.stateDir + "/domains", 0700) ||
+      !MakeFolder(options.stateDir + "/journals", 0700)) {
+    Log(LOG_ERR, "cannot make the state folder %s", options.stateDir.c_str());
+    return nullptr;
+  }
+  return std::make_shared<QelSS::service::LocalStores>(
+      options.stateDir,
+      options.sync == "none" ? QelSS::service::SyncMode::kNone : QelSS::service::SyncMode::kFull);
+}
+
+#ifdef QELSS_WITH_ETCD
+std::shared_ptr<QelSS::service::StoreProvider> EtcdStores(const Options& options) {
+  namespace etcd = QelSS::service::etcd;
+  etcd::StoreOptions store;
+  std::stringstream endpoints(options.etcdEndpoints);
+  for (std::string endpoint; std::getline(endpoints, endpoint, ',');) {
+    if (!endpoint.empty()) store.client.endpoints.push_back(endpoint);
+  }
+  store.client.dialTimeout = std::chrono::milliseconds(std::lround(options.etcdDialTimeout * 1e3));
+  store.client.requestTimeout =
+      std::chrono::milliseconds(std::lround(options.etcdRequestTimeout * 1e3));
+  store.prefix = options.etcdPrefix;
+  if (options.etcdClusterKey.empty()) {
+    Log(LOG_ERR, "--store etcd needs --etcd-cluster-key");
+    return nullptr;
+  }
+  if (std::error_code read = QelSS::ReadHostKeyFile(options.etcdClusterKey, store.clusterKey);
+      read != QelSS::kSuccess || store.clusterKey.size() != QelSS::kHostKeySize) {
+    Log(LOG_ERR, "cannot use the cluster key %s (%d)", options.etcdClusterKey.c_str(),
+        read.value());
+    return nullptr;
+  }
+  try {
+    auto stores = std::make_shared<etcd::EtcdStores>(std::move(store));
+    Log(LOG_INFO, "keeping domains in etcd at %s under %s", options.etcdEndpoints.c_str(),
+        options.etcdPrefix.c_str());
+    return stores;
+  } catch (const std::exception& e) {
+    Log(LOG_ERR, "etcd at %s: %s", options.etcdEndpoints.c_str(), e.what());
+    return nullptr;
+  }
+}
+#endif
+
+// A new cluster key, for the administrator to copy to every machine.
+int MakeClusterKey(const std::string& path) {
+  if (std::filesystem::exists(path)) {
+    Log(LOG_ERR, "%s exists; a cluster key is never replaced", path.c_str());
     return 1;
   }
+  std::vector<uint8_t> key;
+  if (std::error_code made = QelSS::GetHostKey(path, key); made != QelSS::kSuccess) {
+    Log(LOG_ERR, "cannot write the cluster key %s (%d)", path.c_str(), made.value());
+    return 1;
+  }
+  return 0;
+}
+
+int Run(const Options& options) {
+  QelSS::service::StoreSettings settings;
+  settings.quiet = std::chrono::seconds(options.quietSeconds);
+#ifdef QELSS_WITH_ETCD
+  settings.stores = options.store == "etcd" ? EtcdStores(options) : LocalStores(options);
+#else
+  settings.stores = LocalStores(options);
+#endif
+  if (settings.stores == nullptr) return 1;
   asio::io_context io(1);
   Protocol::acceptor acceptor(io);
   if (auto failed = TakeSocket(acceptor, options)) {
@@ -199,9 +269,33 @@ int main(int argc, char** argv) {
                  "none (handed to the kernel)")
       ->check(CLI::IsMember({"full", "none"}))
       ->capture_default_str();
-  app.add_option("--store", options.store, "where domains live")
-      ->check(CLI::IsMember({"local"}))
+#ifdef QELSS_WITH_ETCD
+  const std::vector<std::string> stores = {"local", "etcd"};
+#else
+  const std::vector<std::string> stores = {"local"};  // built without the etcd store
+#endif
+  app.add_option("--store", options.store,
+                 "where domains live: local (the state folder) or etcd (a cluster that the "
+                 "services of several machines share)")
+      ->check(CLI::IsMember(stores))
       ->capture_default_str();
+  app.add_option("--etcd-endpoints", options.etcdEndpoints,
+                 "the etcd cluster's members, http://host:port[,...]")
+      ->capture_default_str();
+  app.add_option("--etcd-prefix", options.etcdPrefix, "where under etcd's keys domains live")
+      ->capture_default_str();
+  app.add_option("--etcd-cluster-key", options.etcdClusterKey,
+                 "the key file that seals every value in etcd; the same on every machine");
+  app.add_option("--etcd-dial-timeout", options.etcdDialTimeout,
+                 "seconds to reach a member at start")
+      ->check(CLI::Range(0.1, 600.0))
+      ->capture_default_str();
+  app.add_option("--etcd-request-timeout", options.etcdRequestTimeout,
+                 "seconds a member may take over one request")
+      ->check(CLI::Range(0.1, 600.0))
+      ->capture_default_str();
+  app.add_option("--make-cluster-key", options.makeClusterKey,
+                 "write a new cluster key to this file and exit");
   app.add_option("--predefines", options.predefines,
                  "folder whose Domains/ the administrator drops domain files into ("
                  "\"none\": no import); by default qelvarin/DomainSettings/Predefines in the "
@@ -214,5 +308,6 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1u, 86400u))
       ->capture_default_str();
   CLI11_PARSE(app, argc, argv);
+  if (!options.makeClusterKey.empty()) return MakeClusterKey(options.makeClusterKey);
   return Run(options);
 }
