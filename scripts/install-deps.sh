@@ -10,6 +10,10 @@ packages=(
   libasio-dev libssl-dev libxml2-dev libsystemd-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   systemd
+  # the service's etcd store: gRPC client, etcd's API definitions, and etcd
+  # itself for its tests
+  libgrpc++-dev libprotobuf-dev protobuf-compiler protobuf-compiler-grpc
+  golang-etcd-server-dev etcd-server etcd-client
 )
 
 missing=()

@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include "domain/DomainTestSupport.h"
+#include "ipc/ConvergenceSupport.h"
 #include "ipc/RemoteDomainSetting.h"
 #include "ipc/RemoteTestSupport.h"
 #include "ipc/ServiceTestSupport.h"
@@ -15,6 +16,7 @@ namespace {
 
 using testing::ChangeLog;
 using testing::CommitAndWait;
+using testing::ConvergenceTest;
 using testing::GenerationOf;
 using testing::Int;
 using testing::NewTransaction;
@@ -304,93 +306,10 @@ TEST_F(RemoteDomainTest, ACopyTheServiceCannotServeForAWhileAsksAgainUntilItCan)
   EXPECT_EQ(GenerationOf(*domain), GenerationOf(ServiceRoot()));
 }
 
-// Several client processes commit random changes to overlapping and disjoint
-// keys of one domain while others watch; each then checks itself against the
-// service (see RemoteClient.cc).
-class ConvergenceTest : public ::testing::Test {
- protected:
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  // Ten instrumented processes on two cores: a shorter load, as many checks.
-  static constexpr std::chrono::seconds kLoad{2};
-#else
-  static constexpr std::chrono::seconds kLoad{4};
-#endif
-  static constexpr int kCommitters = 8;
-  static constexpr int kClients = kCommitters + 2;
-
-  struct Outcome {
-    long accepted = 0;
-    int64_t generation = -1;
-  };
-
-  // The children's outcomes; a failed check fails the test.
-  std::vector<Outcome> Run(ServiceProcess& service, std::chrono::seconds duration, int kills) {
-    std::vector<pid_t> children;
-    for (int i = 0; i < kClients; ++i) {
-      children.push_back(testing::Spawn(
-          {QELSS_REMOTE_CLIENT_BINARY, "churn", "prefs", "client" + std::to_string(i),
-           std::to_string(duration.count()), std::to_string(i + 1), dir_.path()},
-          service.RuntimeDir()));
-    }
-    EXPECT_TRUE(AllWrote(".ready", std::chrono::seconds(60)));
-    Touch("go");
-    for (int k = 0; k < kills; ++k) {
-      std::this_thread::sleep_for(duration / (kills + 1));
-      service.Kill();
-      EXPECT_TRUE(service.Start());
-    }
-    EXPECT_TRUE(AllWrote(".stopped", duration + std::chrono::seconds(60)));
-    Touch("settle");
-    for (pid_t child : children) testing::WaitForChild(child, std::chrono::seconds(120));
-    std::vector<Outcome> outcomes;
-    for (int i = 0; i < kClients; ++i) {
-      std::ifstream in(dir_ / ("client" + std::to_string(i) + ".result"));
-      std::string verdict;
-      Outcome outcome;
-      in >> verdict >> outcome.accepted >> outcome.generation;
-      EXPECT_EQ(verdict, "ok") << "client" << i << ": " << outcome.accepted;
-      if (verdict != "ok") {
-        std::ifstream again(dir_ / ("client" + std::to_string(i) + ".result"));
-        std::string line;
-        std::getline(again, line);
-        ADD_FAILURE() << line;
-      }
-      outcomes.push_back(outcome);
-    }
-    return outcomes;
-  }
-
-  bool AllWrote(const std::string& suffix, std::chrono::seconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    for (int i = 0; i < kClients; ++i) {
-      while (!std::filesystem::exists(dir_ / ("client" + std::to_string(i) + suffix))) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      }
-    }
-    return true;
-  }
-
-  void Touch(const std::string& name) { std::ofstream(dir_ / name) << ""; }
-
-  // The commits the clients saw accepted, once every copy is checked to end at
-  // the same generation.
-  static long AcceptedAtOneGeneration(const std::vector<Outcome>& outcomes) {
-    long accepted = 0;
-    for (const Outcome& outcome : outcomes) {
-      accepted += outcome.accepted;
-      EXPECT_EQ(outcome.generation, outcomes[0].generation);
-    }
-    return accepted;
-  }
-
-  testing::ScopedTempDir dir_;
-};
-
 TEST_F(ConvergenceTest, EveryCopyEndsAsTheServiceWithEveryCommitAppliedOnce) {
   ServiceProcess service({"--sync", "none"});
   ASSERT_TRUE(service.Start());
-  const auto outcomes = Run(service, kLoad, 0);
+  const auto outcomes = Run({&service}, kLoad);
   const long accepted = AcceptedAtOneGeneration(outcomes);
   EXPECT_GT(accepted, kCommitters);
   EXPECT_EQ(accepted, outcomes[0].generation);
@@ -399,7 +318,10 @@ TEST_F(ConvergenceTest, EveryCopyEndsAsTheServiceWithEveryCommitAppliedOnce) {
 TEST_F(ConvergenceTest, CopiesConvergeAndKeepEveryAcknowledgedCommitThroughServiceKills) {
   ServiceProcess service;
   ASSERT_TRUE(service.Start());
-  const auto outcomes = Run(service, kLoad + kLoad / 2, 3);
+  const auto outcomes = Run({&service}, kLoad + kLoad / 2, 3, [&](int) {
+    service.Kill();
+    EXPECT_TRUE(service.Start());
+  });
   const long accepted = AcceptedAtOneGeneration(outcomes);
   EXPECT_GT(accepted, kCommitters);
   // Commits the service made durable but could not acknowledge before dying

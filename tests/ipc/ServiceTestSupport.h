@@ -85,7 +85,10 @@ class ServiceProcess {
   // The service's XDG_DATA_HOME: its drop folder for predefined domains is
   // under qelvarin/DomainSettings/Predefines.
   std::string DataDir() const { return folder_ / "data"; }
-  std::string SocketPath() const { return ServiceSocketPath(ClientConnection::kServiceName); }
+  // Its own, whichever service this process's clients were last pointed at.
+  std::string SocketPath() const {
+    return RuntimeDir() + "/" + std::string(ClientConnection::kServiceName);
+  }
   std::string LogPath() const { return folder_ / "service.log"; }
   pid_t Pid() const { return pid_; }
 
