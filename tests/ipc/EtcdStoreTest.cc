@@ -41,6 +41,21 @@ class Machines {
     return true;
   }
 
+  // Stops both services; whether each ended cleanly (a sanitizer's report
+  // makes the exit code non-zero).
+  bool StoppedCleanly() {
+    bool clean = true;
+    for (auto& service : services_) {
+      const int code = service->Stop();
+      if (code == 0) continue;
+      clean = false;
+      std::ifstream log(service->LogPath());
+      ADD_FAILURE() << "exit " << code << ":\n"
+                    << std::string(std::istreambuf_iterator<char>(log), {});
+    }
+    return clean;
+  }
+
   EtcdCluster& Cluster() { return cluster_; }
   ServiceProcess& A() { return *services_[0]; }
   ServiceProcess& B() { return *services_[1]; }
@@ -126,6 +141,7 @@ TEST(EtcdStoreTest, ACommitOnOneMachineReachesTheOthersObserversSealed) {
   EXPECT_NE(stored.find("/qelvarin/domains/prefs/generation"), std::string::npos) << stored;
   EXPECT_EQ(stored.find("plainly-named-key"), std::string::npos);
   EXPECT_EQ(stored.find("<Hash>"), std::string::npos);
+  EXPECT_TRUE(machines.StoppedCleanly());
 }
 
 TEST(EtcdStoreTest, AServiceStartsOnlyWithAClusterThatAnswers) {
@@ -153,6 +169,7 @@ TEST_F(EtcdConvergenceTest, ClientsOfTwoMachinesEndAtOneTreeAndCount) {
   const long accepted = AcceptedAtOneGeneration(outcomes);
   EXPECT_GT(accepted, kCommitters);
   EXPECT_EQ(accepted, outcomes[0].generation);
+  EXPECT_TRUE(machines.StoppedCleanly());
 }
 
 TEST_F(EtcdConvergenceTest, AKilledServiceCatchesUpFromTheClusterAndLosesNothing) {
@@ -165,6 +182,7 @@ TEST_F(EtcdConvergenceTest, AKilledServiceCatchesUpFromTheClusterAndLosesNothing
   const long accepted = AcceptedAtOneGeneration(outcomes);
   EXPECT_GT(accepted, kCommitters);
   EXPECT_LE(accepted, outcomes[0].generation);
+  EXPECT_TRUE(machines.StoppedCleanly());
 }
 
 TEST_F(EtcdConvergenceTest, LosingOneMemberChangesNothingAndLosingTheQuorumOnlyStopsCommits) {
