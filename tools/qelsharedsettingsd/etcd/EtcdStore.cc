@@ -99,8 +99,12 @@ EtcdStores::EtcdStores(StoreOptions options) : options_(std::move(options)) {
       domains, RangeEnd(domains), answer.header().revision() + 1,
       [this](const etcdserverpb::WatchResponse& response) { Heard(response); },
       [this] {
-        std::lock_guard lock(mutex_);
-        for (auto& [name, store] : stores_) store->listener_({});
+        std::vector<Listener> listeners;
+        {
+          std::lock_guard lock(mutex_);
+          for (auto& [name, store] : stores_) listeners.push_back(store->listener_);
+        }
+        for (const Listener& listener : listeners) listener({});
       });
 }
 
@@ -136,7 +140,10 @@ void EtcdStores::Heard(const etcdserverpb::WatchResponse& response) {
       logs[name].emplace_back(generation, &event.kv());
     }
   }
-  std::lock_guard lock(mutex_);
+  // Listeners are called without the lock: one may end up holding the last
+  // reference to its domain, whose store then unregisters.
+  std::vector<std::pair<Listener, std::vector<StoredEntry>>> calls;
+  std::unique_lock lock(mutex_);
   for (auto& [name, kvs] : logs) {
     for (auto [it, end] = stores_.equal_range(name); it != end; ++it) {
       std::vector<StoredEntry> entries;
@@ -153,9 +160,11 @@ void EtcdStores::Heard(const etcdserverpb::WatchResponse& response) {
         it->second->Saw(generation, kv->mod_revision());
         entries.push_back(std::move(entry));
       }
-      it->second->listener_(std::move(entries));
+      calls.emplace_back(it->second->listener_, std::move(entries));
     }
   }
+  lock.unlock();
+  for (auto& [listener, entries] : calls) listener(std::move(entries));
 }
 
 // ---- EtcdStore

@@ -52,7 +52,7 @@ class EtcdStores final : public StoreProvider {
 
   const StoreOptions options_;
   std::unique_ptr<Client> client_;
-  std::mutex mutex_;  // held while a store is told of commits, and to unregister
+  std::mutex mutex_;  // guards stores_, and each store while it is told of revisions
   std::multimap<std::string, EtcdStore*> stores_;
 };
 
