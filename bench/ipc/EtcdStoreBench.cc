@@ -10,27 +10,24 @@
 //   ConcurrentCommits    clients committing their own keys to one domain,
 //                        half through A and half through B
 //
-// Latencies: p50_us and p99_us counters.
+// Latencies: p50_us, p90_us and p99_us counters.
 
 #include <benchmark/benchmark.h>
-#include <spawn.h>
 
-#include <algorithm>
-#include <condition_variable>
 #include <mutex>
 
 #include <grpcpp/grpcpp.h>
 
+#include "BenchService.h"
 #include "etcd/etcdserver/etcdserverpb/rpc.grpc.pb.h"
 #include "ipc/EtcdTestSupport.h"
 #include "ipc/ServiceTestSupport.h"
 #include "qelss/api/QSSDomain.h"
-#include "qelss/domain/SettingsObserver.h"
-#include "qelss/values/INumber.h"
 
 namespace QelSS {
 namespace {
 
+using bench::TimeEach;
 using testing::ServiceProcess;
 
 class Machines {
@@ -72,29 +69,6 @@ class Machines {
   std::mutex mutex_;
 };
 
-void ReportPercentiles(benchmark::State& state, std::vector<double> seconds) {
-  if (seconds.empty()) return;
-  std::sort(seconds.begin(), seconds.end());
-  state.counters["p50_us"] = seconds[seconds.size() / 2] * 1e6;
-  state.counters["p99_us"] = seconds[seconds.size() * 99 / 100] * 1e6;
-}
-
-template <typename Step>
-void TimeEach(benchmark::State& state, Step&& step) {
-  std::vector<double> seconds;
-  for (auto _ : state) {
-    const auto start = std::chrono::steady_clock::now();
-    if (!step()) {
-      state.SkipWithError("failed");
-      break;
-    }
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-    seconds.push_back(took.count());
-    state.SetIterationTime(took.count());
-  }
-  ReportPercentiles(state, seconds);
-}
-
 void BarePut(benchmark::State& state) {
   Machines& machines = Machines::Get();
   std::string target = machines.Cluster().Endpoints();
@@ -104,7 +78,7 @@ void BarePut(benchmark::State& state) {
   etcdserverpb::PutRequest request;
   request.set_key("/bench/bare");
   request.set_value(std::string(64, 'x'));
-  TimeEach(state, [&] {
+  TimeEach(state, "failed", [&] {
     grpc::ClientContext context;
     etcdserverpb::PutResponse response;
     return kv->Put(&context, request, &response).ok();
@@ -125,7 +99,7 @@ void BareTxn(benchmark::State& state) {
   const std::string base = "/bench/txn" + std::to_string(++runs);
   int64_t revision = 0;
   long long generation = 0;
-  TimeEach(state, [&] {
+  TimeEach(state, "failed", [&] {
     etcdserverpb::TxnRequest request;
     auto* compare = request.add_compare();
     compare->set_key(base + "/generation");
@@ -151,91 +125,14 @@ void Commit(benchmark::State& state) {
   Machines& machines = Machines::Get();
   auto domain = machines.Open(machines.A(), "commit");
   long long value = 0;
-  TimeEach(state, [&] { return Succeeded(domain->SetCommit("/key0", ++value)); });
+  TimeEach(state, "failed", [&] { return Succeeded(domain->SetCommit("/key0", ++value)); });
 }
 BENCHMARK(Commit)->UseManualTime()->Unit(benchmark::kMicrosecond);
-
-long long SteadyNanoseconds() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
-// qelss_bench_push_committer on service A, fed one key per line.
-class Committer {
- public:
-  Committer(const std::string& runtime, const std::string& domain) {
-    int fds[2];
-    if (::pipe(fds) != 0) std::abort();
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[0], 0);
-    posix_spawn_file_actions_addclose(&actions, fds[1]);
-    std::string env = "QELSS_RUNTIME_DIR=" + runtime;
-    char* envp[] = {env.data(), nullptr};
-    std::string program = QELSS_PUSH_COMMITTER_BINARY;
-    std::string name = domain;
-    char* argv[] = {program.data(), name.data(), nullptr};
-    if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv, envp) != 0) std::abort();
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(fds[0]);
-    input_ = fds[1];
-  }
-  ~Committer() {
-    ::close(input_);
-    testing::WaitForChild(pid_, std::chrono::seconds(10));
-  }
-  void Commit(const std::string& key) {
-    const std::string line = key + "\n";
-    if (::write(input_, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-      std::abort();
-    }
-  }
-
- private:
-  pid_t pid_ = -1;
-  int input_ = -1;
-};
-
-struct Heard {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<double> latencies;
-};
 
 void CrossMachinePush(benchmark::State& state) {
   Machines& machines = Machines::Get();
   auto domain = machines.Open(machines.B(), "push");
-  auto heard = std::make_shared<Heard>();
-  std::shared_ptr<SettingsObserver> observer;
-  (void)SettingsObserver::Create(
-      [heard](const std::shared_ptr<IDomainSetting>&, const IObserver::ChangeList& changes) {
-        const long long now = SteadyNanoseconds();
-        auto number = std::dynamic_pointer_cast<INumber>(std::get<2>(changes.front()));
-        int64_t sent = 0;
-        if (!number || !Succeeded(number->GetInt64(sent))) return;
-        std::lock_guard lock(heard->mutex);
-        heard->latencies.push_back(static_cast<double>(now - sent) * 1e-9);
-        heard->changed.notify_all();
-      },
-      observer);
-  if (!Succeeded(domain->AddObserver(nullptr, observer))) std::abort();
-  Committer committer(machines.A().RuntimeDir(), "push");
-  size_t expected = 0;
-  for (auto _ : state) {
-    committer.Commit("/key0");
-    ++expected;
-    std::unique_lock lock(heard->mutex);
-    if (!heard->changed.wait_for(lock, std::chrono::seconds(10),
-                                 [&] { return heard->latencies.size() >= expected; })) {
-      state.SkipWithError("no push arrived");
-      break;
-    }
-    state.SetIterationTime(heard->latencies.back());
-  }
-  (void)domain->RemoveObserver(observer);
-  std::lock_guard lock(heard->mutex);
-  ReportPercentiles(state, heard->latencies);
+  bench::MeasurePushes(state, *domain, "push", machines.A().RuntimeDir());
 }
 BENCHMARK(CrossMachinePush)->UseManualTime()->Unit(benchmark::kMicrosecond);
 

@@ -116,15 +116,7 @@ TEST(EtcdStoreTest, ACommitOnOneMachineReachesTheOthersObserversSealed) {
   const IObserver::ChangeList expected = {{"plainly-named-key", IObserver::Modified, Int(7)},
                                           {"x/y", IObserver::Modified, Int(2)},
                                           {"x/y", IObserver::Deleted, nullptr}};
-  ASSERT_EQ(heard[0].size(), expected.size());
-  for (size_t i = 0; i < expected.size(); ++i) {
-    EXPECT_EQ(std::get<0>(heard[0][i]), std::get<0>(expected[i]));
-    EXPECT_EQ(static_cast<int>(std::get<1>(heard[0][i])),
-              static_cast<int>(std::get<1>(expected[i])));
-    const auto& value = std::get<2>(heard[0][i]);
-    EXPECT_TRUE(value ? std::get<2>(expected[i]) && *value == *std::get<2>(expected[i])
-                      : !std::get<2>(expected[i]));
-  }
+  EXPECT_EQ(testing::ChangeListDifference(heard[0], expected), "");
   EXPECT_EQ(GenerationOf(*onB), GenerationOf(Machines::Root(machines.A())));
   EXPECT_EQ(GenerationOf(Machines::Root(machines.B())), GenerationOf(Machines::Root(machines.A())));
 

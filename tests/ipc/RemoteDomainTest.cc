@@ -138,15 +138,7 @@ TEST_F(RemoteDomainTest, ObserversHearAnotherProcessCommit) {
                                           {"y", IObserver::Modified, Int(2)},
                                           {"y", IObserver::Deleted, nullptr},
                                           {"z/w", IObserver::Modified, Int(3)}};
-  ASSERT_EQ(heard[0].size(), expected.size());
-  for (size_t i = 0; i < expected.size(); ++i) {
-    EXPECT_EQ(std::get<0>(heard[0][i]), std::get<0>(expected[i]));
-    EXPECT_EQ(static_cast<int>(std::get<1>(heard[0][i])),
-              static_cast<int>(std::get<1>(expected[i])));
-    const auto& value = std::get<2>(heard[0][i]);
-    EXPECT_TRUE(value ? std::get<2>(expected[i]) && *value == *std::get<2>(expected[i])
-                      : !std::get<2>(expected[i]));
-  }
+  EXPECT_EQ(testing::ChangeListDifference(heard[0], expected), "");
   EXPECT_TRUE(removed.Lists().empty());
   EXPECT_EQ(testing::IntAt(*domain, "z/w"), 3);
 }

@@ -141,6 +141,25 @@ class ChangeLog {
   std::error_code added_;
 };
 
+// Where an observer's `heard` differs from `expected` (paths, kinds and
+// values, in order); empty when it does not.
+inline std::string ChangeListDifference(const IObserver::ChangeList& heard,
+                                        const IObserver::ChangeList& expected) {
+  if (heard.size() != expected.size()) {
+    return std::to_string(heard.size()) + " changes, not " + std::to_string(expected.size());
+  }
+  for (size_t i = 0; i < expected.size(); ++i) {
+    const auto& [path, type, value] = heard[i];
+    const auto& [wantedPath, wantedType, wantedValue] = expected[i];
+    const bool sameValue = value ? wantedValue && *value == *wantedValue : !wantedValue;
+    if (path != wantedPath || type != wantedType || !sameValue) {
+      return "change " + std::to_string(i) + " at " + path + " is not the one expected at " +
+             wantedPath;
+    }
+  }
+  return "";
+}
+
 // Applies the change lists in order to `tree` (changed in place), the way an
 // observer that kept its own copy would. A change that is already in the tree
 // is harmless.

@@ -48,6 +48,22 @@ std::error_code Unseal(const std::vector<uint8_t>& key, const std::string& seale
 
 std::vector<uint8_t> BytesOf(const std::string& text) { return {text.begin(), text.end()}; }
 
+// Makes `request` apply only while `key` was last changed at `revision`.
+void OnlyIfUnchangedSince(etcdserverpb::TxnRequest& request, const std::string& key,
+                          int64_t revision) {
+  auto* unchanged = request.add_compare();
+  unchanged->set_key(key);
+  unchanged->set_target(etcdserverpb::Compare::MOD);
+  unchanged->set_result(etcdserverpb::Compare::EQUAL);
+  unchanged->set_mod_revision(revision);
+}
+
+void Put(etcdserverpb::TxnRequest& request, const std::string& key, const std::string& value) {
+  auto* put = request.add_success()->mutable_request_put();
+  put->set_key(key);
+  put->set_value(value);
+}
+
 bool ParseCount(const std::vector<uint8_t>& text, int64_t& count) {
   const char* first = reinterpret_cast<const char*>(text.data());
   const char* last = first + text.size();
@@ -257,12 +273,8 @@ std::error_code EtcdStore::Create(CommitEngine& engine, bool& created) {
   absent->set_target(etcdserverpb::Compare::VERSION);
   absent->set_result(etcdserverpb::Compare::EQUAL);
   absent->set_version(0);
-  auto* putCount = request.add_success()->mutable_request_put();
-  putCount->set_key(base_ + "generation");
-  putCount->set_value(count);
-  auto* putSnapshot = request.add_success()->mutable_request_put();
-  putSnapshot->set_key(base_ + "snapshot");
-  putSnapshot->set_value(snapshot);
+  Put(request, base_ + "generation", count);
+  Put(request, base_ + "snapshot", snapshot);
   etcdserverpb::TxnResponse response;
   if (grpc::Status status = owner_.client_->Txn(request, response); !status.ok()) {
     return Failed("create", status);
@@ -329,17 +341,9 @@ std::error_code EtcdStore::Append(const StoredEntry& entry, std::vector<StoredEn
   if (made != kSuccess) return made;
 
   etcdserverpb::TxnRequest request;
-  auto* unchanged = request.add_compare();
-  unchanged->set_key(base_ + "generation");
-  unchanged->set_target(etcdserverpb::Compare::MOD);
-  unchanged->set_result(etcdserverpb::Compare::EQUAL);
-  unchanged->set_mod_revision(RevisionOf(entry.generation - 1));
-  auto* putCount = request.add_success()->mutable_request_put();
-  putCount->set_key(base_ + "generation");
-  putCount->set_value(sealedCount);
-  auto* putEntry = request.add_success()->mutable_request_put();
-  putEntry->set_key(LogKey(entry.generation));
-  putEntry->set_value(sealedEntry);
+  OnlyIfUnchangedSince(request, base_ + "generation", RevisionOf(entry.generation - 1));
+  Put(request, base_ + "generation", sealedCount);
+  Put(request, LogKey(entry.generation), sealedEntry);
   // Lost the race: what the winners committed comes back in the same answer.
   auto* since = request.add_failure()->mutable_request_range();
   since->set_key(LogKey(entry.generation));
@@ -398,14 +402,8 @@ std::error_code EtcdStore::Snapshot(const CommitEngine& engine) {
   if (made == kSuccess) made = Seal(owner_.options_.clusterKey, bytes, sealed);
   if (made != kSuccess) return made;
   etcdserverpb::TxnRequest request;
-  auto* unchanged = request.add_compare();
-  unchanged->set_key(base_ + "generation");
-  unchanged->set_target(etcdserverpb::Compare::MOD);
-  unchanged->set_result(etcdserverpb::Compare::EQUAL);
-  unchanged->set_mod_revision(revision);
-  auto* put = request.add_success()->mutable_request_put();
-  put->set_key(base_ + "snapshot");
-  put->set_value(sealed);
+  OnlyIfUnchangedSince(request, base_ + "generation", revision);
+  Put(request, base_ + "snapshot", sealed);
   auto* held = request.add_success()->mutable_request_delete_range();
   held->set_key(LogKey(1));
   held->set_range_end(LogKey(generation + 1));
