@@ -67,6 +67,26 @@ void TimeEach(benchmark::State& state, const char* failure, Step&& step) {
   ReportPercentiles(state, seconds);
 }
 
+// Each iteration commits this thread's own key of `domain` through the
+// facade, trying again when the commit loses the race, as an application
+// would; counts commits and refusals.
+inline void CommitOwnKey(benchmark::State& state, QSSDomain& domain) {
+  const std::string key = "/key" + std::to_string(state.thread_index());
+  long long done = 0;
+  long long refused = 0;
+  for (auto _ : state) {
+    std::error_code result;
+    while ((result = domain.SetCommit(key.c_str(), done)) == kTransactionConflict) ++refused;
+    if (!Succeeded(result)) {
+      state.SkipWithError("commit failed");
+      break;
+    }
+    ++done;
+  }
+  state.SetItemsProcessed(done);
+  state.counters["refused"] = benchmark::Counter(static_cast<double>(refused));
+}
+
 inline long long SteadyNanoseconds() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
              std::chrono::steady_clock::now().time_since_epoch())

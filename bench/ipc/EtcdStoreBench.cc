@@ -40,6 +40,14 @@ class Machines {
   ServiceProcess& A() { return *a_; }
   ServiceProcess& B() { return *b_; }
 
+  // etcd's own client API on the cluster, without the service.
+  std::unique_ptr<etcdserverpb::KV::Stub> BareClient() {
+    std::string target = cluster_.Endpoints();
+    target.erase(0, std::string("http://").size());
+    return etcdserverpb::KV::NewStub(
+        grpc::CreateChannel(target, grpc::InsecureChannelCredentials()));
+  }
+
   // A facade on a domain of `service`; opened one at a time, because the
   // runtime folder that clients find a service in is the process's.
   std::shared_ptr<QSSDomain> Open(ServiceProcess& service, const std::string& name) {
@@ -70,11 +78,7 @@ class Machines {
 };
 
 void BarePut(benchmark::State& state) {
-  Machines& machines = Machines::Get();
-  std::string target = machines.Cluster().Endpoints();
-  target.erase(0, std::string("http://").size());
-  auto kv =
-      etcdserverpb::KV::NewStub(grpc::CreateChannel(target, grpc::InsecureChannelCredentials()));
+  auto kv = Machines::Get().BareClient();
   etcdserverpb::PutRequest request;
   request.set_key("/bench/bare");
   request.set_value(std::string(64, 'x'));
@@ -89,11 +93,7 @@ BENCHMARK(BarePut)->UseManualTime()->Unit(benchmark::kMicrosecond);
 // The shape of a commit without the service: compare the count's revision,
 // put the count and a log entry.
 void BareTxn(benchmark::State& state) {
-  Machines& machines = Machines::Get();
-  std::string target = machines.Cluster().Endpoints();
-  target.erase(0, std::string("http://").size());
-  auto kv =
-      etcdserverpb::KV::NewStub(grpc::CreateChannel(target, grpc::InsecureChannelCredentials()));
+  auto kv = Machines::Get().BareClient();
   // Benchmark runs this more than once: a fresh count each time.
   static int runs = 0;
   const std::string base = "/bench/txn" + std::to_string(++runs);
@@ -139,20 +139,7 @@ BENCHMARK(CrossMachinePush)->UseManualTime()->Unit(benchmark::kMicrosecond);
 void ConcurrentCommits(benchmark::State& state) {
   Machines& machines = Machines::Get();
   auto domain = machines.Open(state.thread_index() % 2 == 0 ? machines.A() : machines.B(), "crowd");
-  const std::string key = "/key" + std::to_string(state.thread_index());
-  long long done = 0;
-  long long refused = 0;
-  for (auto _ : state) {
-    std::error_code result;
-    while ((result = domain->SetCommit(key.c_str(), done)) == kTransactionConflict) ++refused;
-    if (!Succeeded(result)) {
-      state.SkipWithError("commit failed");
-      break;
-    }
-    ++done;
-  }
-  state.SetItemsProcessed(done);
-  state.counters["refused"] = benchmark::Counter(static_cast<double>(refused));
+  bench::CommitOwnKey(state, *domain);
 }
 BENCHMARK(ConcurrentCommits)->Threads(16)->UseRealTime()->Unit(benchmark::kMicrosecond);
 

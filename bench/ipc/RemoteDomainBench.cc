@@ -82,20 +82,7 @@ void ConcurrentSetCommit(benchmark::State& state) {
   static std::once_flag started;
   std::call_once(started, [] { ServiceFor(true); });
   auto domain = OpenRemote("crowd");
-  const std::string key = "/key" + std::to_string(state.thread_index());
-  long long done = 0;
-  long long refused = 0;
-  for (auto _ : state) {
-    std::error_code result;
-    while ((result = domain->SetCommit(key.c_str(), done)) == kTransactionConflict) ++refused;
-    if (!Succeeded(result)) {
-      state.SkipWithError("commit failed");
-      break;
-    }
-    ++done;
-  }
-  state.SetItemsProcessed(done);
-  state.counters["refused"] = benchmark::Counter(static_cast<double>(refused));
+  bench::CommitOwnKey(state, *domain);
 }
 BENCHMARK(ConcurrentSetCommit)
     ->Threads(1)
